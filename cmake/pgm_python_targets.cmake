@@ -1,0 +1,41 @@
+# What the project's own targets have in common.
+
+add_library(pgm_python_options INTERFACE)
+target_include_directories(pgm_python_options INTERFACE ${PROJECT_SOURCE_DIR})
+if(MSVC)
+  target_compile_options(pgm_python_options INTERFACE /W4 $<$<BOOL:${PGM_PYTHON_WARNINGS_AS_ERRORS}>:/WX>)
+else()
+  target_compile_options(
+    pgm_python_options
+    INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+              $<$<BOOL:${PGM_PYTHON_WARNINGS_AS_ERRORS}>:-Werror>)
+endif()
+
+# What needs Python.h.
+add_library(pgm_python_python INTERFACE)
+target_include_directories(pgm_python_python SYSTEM INTERFACE ${Python3_INCLUDE_DIRS})
+target_link_libraries(pgm_python_python INTERFACE ${Python3_LIBRARIES})
+
+if(WIN32)
+  set(PGM_PYTHON_PLATFORM windows)
+else()
+  set(PGM_PYTHON_PLATFORM posix)
+endif()
+
+# A shared library of the suite, exported, with the headers that a host may include installed.
+#
+# pgm_python_library(NAME SOURCES ... LINKS ... [HEADERS ...])
+function(pgm_python_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINKS;HEADERS")
+  string(TOUPPER ${name} upper_name)
+  add_library(${name} SHARED ${arg_SOURCES})
+  add_library(pgm_python::${name} ALIAS ${name})
+  target_compile_definitions(${name} PRIVATE ${upper_name}_BUILD)
+  target_compile_features(${name} PUBLIC cxx_std_17)
+  target_include_directories(${name} INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+                                               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:pgm_python_options> ${arg_LINKS})
+  install(TARGETS ${name} EXPORT pgm_python_targets)
+  file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+  install(FILES ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+endfunction()

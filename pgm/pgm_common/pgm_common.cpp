@@ -1,0 +1,131 @@
+#include "pgm/pgm_common/pgm_common.h"
+
+#include <cstdarg>
+#include <cstdlib>
+
+#include "pgm/pgm_common/environment.h"
+#include "zel/zel_fio/zel_fio.h"
+#include "zel/zel_mem/zel_mem.h"
+#include "zel/zel_msg/zel_msg.h"
+
+namespace {
+
+std::string without_end_separators(std::string folder) {
+    while (folder.size() > 1 && folder.back() == '/') {
+        folder.pop_back();
+    }
+    return folder;
+}
+
+// The folder that the environment names, or `fallback` under the one above the program's.
+std::string folder(const char* variable, const char* fallback) {
+    const std::string named = environment_value(variable);
+    if (!named.empty()) {
+        return without_end_separators(FIO_PATH(named).fullpath());
+    }
+    const std::string program = FIO_FILE_SYSTEM::program_directory();
+    if (*fallback == '\0') {
+        return program;
+    }
+    return without_end_separators(FIO_PATH(program).full_directory()) + fallback;
+}
+
+char lower(char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
+
+bool same_letters(const std::string& one, const std::string& other) {
+    if (one.size() != other.size()) {
+        return false;
+    }
+    for (std::size_t index = 0; index < one.size(); ++index) {
+        if (lower(one[index]) != lower(other[index])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string PGM_COMMON::pgm_get_common_programmer() {
+    return folder("PGM_COMMON_PROGRAMMER_DIR", "/common/programmer");
+}
+
+std::string PGM_COMMON::pgm_get_unshipped_programmer(bool /*internal*/) {
+    return folder("PGM_UNSHIPPED_PROGRAMMER_DIR", "/unshipped/programmer");
+}
+
+std::string PGM_COMMON::pgm_get_bin_directory() { return folder("PGM_BIN_DIR", ""); }
+
+std::string PGM_COMMON::get_extension(const std::string& file) {
+    const std::string name = FIO_PATH(file).filename();
+    const std::size_t dot = name.rfind('.');
+    return dot == std::string::npos ? std::string() : name.substr(dot);
+}
+
+int PGM_COMMON::match_extension(const std::string& file,
+                                const std::vector<std::string>& extensions) {
+    const std::string extension = get_extension(file);
+    if (extension.empty()) {
+        return 0;
+    }
+    int place = 1;
+    for (const std::string& listed : extensions) {
+        if (same_letters(extension, listed)) {
+            return place;
+        }
+        ++place;
+    }
+    return 0;
+}
+
+std::string PGM_COMMON::convert_byte_array_to_standard_hex_string(const unsigned char* bytes,
+                                                                  unsigned long size,
+                                                                  bool /*upper_case*/,
+                                                                  bool /*prefixed*/) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string text(static_cast<std::size_t>(size) * 2, '\0');
+    for (std::size_t index = 0; index < size; ++index) {
+        text[2 * index] = digits[bytes[index] >> 4];
+        text[2 * index + 1] = digits[bytes[index] & 0x0F];
+    }
+    return text;
+}
+
+std::vector<std::string> PGM_COMMON::split_string(
+    const std::string& text, const std::string& delimiter, bool drop_empty, bool /*trim*/,
+    unsigned long most, const std::vector<std::string>& /*quotes*/, const std::string& /*escape*/,
+    bool /*keep_text*/) {
+    std::vector<std::string> pieces;
+    const auto add = [&pieces, drop_empty](std::string piece) {
+        if (!drop_empty || !piece.empty()) {
+            pieces.push_back(std::move(piece));
+        }
+    };
+    std::size_t at = 0;
+    while (!delimiter.empty() && pieces.size() < most) {
+        const std::size_t end = text.find(delimiter, at);
+        if (end == std::string::npos) {
+            break;
+        }
+        add(text.substr(at, end - at));
+        at = end + delimiter.size();
+    }
+    add(text.substr(at));
+    return pieces;
+}
+
+void PGM_COMMON_MSG::print_msg(int type, int /*flags*/, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::string text;
+    try {
+        text = MEM_DETAIL::stl_raw_vsprintf(format, arguments);
+    } catch (...) {
+        va_end(arguments);
+        throw;
+    }
+    va_end(arguments);
+    msg_line(type, text);
+}

@@ -1,0 +1,69 @@
+// The interpreter session: the interpreter's life, its argument vector and its search path.
+//
+// A session is a scope. What uses the interpreter lives inside it; the wide argument vector is
+// declared before it, because the interpreter may look at the vector until it is finalised:
+//
+//     WIDE_ARGUMENT_VECTOR arguments;              // released last
+//     INTERPRETER_SESSION session;                 // py_initialize ... py_finalize
+//     arguments.set(script, script_arguments);
+//     session.setup_system_path();
+//     const std::string module = session.setup_system_path(script);
+//     {
+//         const PY_REFERENCE name = ...;           // gone before the session ends
+//     }
+//
+// Sessions never overlap in a process, and belong to the thread that made them.
+
+#ifndef PGM_PGM_PYTHON_INTERPRETER_SESSION_H
+#define PGM_PGM_PYTHON_INTERPRETER_SESSION_H
+
+#include <string>
+#include <vector>
+
+#include "zel/zel_py/py_reference.h"
+
+// The interpreter's argument vector (sys.argv).
+class WIDE_ARGUMENT_VECTOR {
+public:
+    WIDE_ARGUMENT_VECTOR() = default;
+    ~WIDE_ARGUMENT_VECTOR();
+
+    WIDE_ARGUMENT_VECTOR(const WIDE_ARGUMENT_VECTOR&) = delete;
+    WIDE_ARGUMENT_VECTOR& operator=(const WIDE_ARGUMENT_VECTOR&) = delete;
+
+    // Converts the script's path and its arguments and hands them to the running interpreter. To
+    // be called once.
+    void set(const std::string& script, const std::vector<std::string>& script_arguments);
+
+private:
+    int m_count = 0;
+    wchar_t** m_arguments = nullptr;
+};
+
+// The interpreter, from construction to destruction.
+class INTERPRETER_SESSION {
+public:
+    INTERPRETER_SESSION();
+    ~INTERPRETER_SESSION();
+
+    INTERPRETER_SESSION(const INTERPRETER_SESSION&) = delete;
+    INTERPRETER_SESSION& operator=(const INTERPRETER_SESSION&) = delete;
+
+    // See the operations of these names in PGM_PYTHON_MGR.
+    void setup_system_path();
+    std::string setup_system_path(const std::string& script);
+
+    // Keeps an object alive until just before the interpreter is finalised.
+    void keep(PY_REFERENCE object) { m_kept.push_back(std::move(object)); }
+
+private:
+    std::vector<PY_REFERENCE> m_kept;
+};
+
+// Allocates `count` slots, fills them with `first` (unless empty) and `args`, and returns them. A
+// number of texts other than `count` is an internal error after which, when the report returns, the
+// array is returned as it is: slots beyond the texts are null, texts beyond the slots are left out.
+wchar_t** fill_wide_vector(const std::string& first, const std::vector<std::string>& args,
+                           int count);
+
+#endif

@@ -1,0 +1,15 @@
+// Runs a default script by its catalogue name, a script file, or ("-c") Python code:
+//
+//     pgm_python_run norvane_sign --help
+//     pgm_python_run path/to/script.py ARGUMENT...
+//     pgm_python_run -c "print('code')"
+
+#include "pgm/pgm_python/pgm_python_mgr.h"
+#include "tools/tool_messages.h"
+
+int main(int argc, char** argv) {
+    return run_tool([&] {
+        const char** const arguments = const_cast<const char**>(argv + 1);
+        return PGM_PYTHON_MGR::run_python_file(argc - 1, arguments) ? TOOL_SUCCESS : TOOL_FAILURE;
+    });
+}

@@ -1,0 +1,45 @@
+#include "tools/tool_messages.h"
+
+#include <clocale>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "zel/zel_msg/zel_msg.h"
+
+namespace {
+
+struct INTERNAL_ERROR_REPORTED {};
+
+class TOOL_RECEIVER : public MSG_RECEIVER {
+public:
+    void line(int /*type*/, const std::string& text) override {
+        std::cerr << "error: " << text << std::endl;
+    }
+    void post(unsigned long number, const std::string& text) override {
+        std::cerr << "error " << number << ": " << text << std::endl;
+    }
+    void internal_error(const INTERNAL_ERROR& error) override {
+        std::cerr << to_text(error) << std::endl;
+        throw INTERNAL_ERROR_REPORTED();
+    }
+};
+
+}  // namespace
+
+int run_tool(const std::function<int()>& work) {
+    // Paths and arguments are converted in the process's locale.
+    std::setlocale(LC_ALL, "");
+    TOOL_RECEIVER receiver;
+    MSG_RECEIVER::set(&receiver);
+    int status = TOOL_INTERNAL_ERROR;
+    try {
+        status = work();
+    } catch (const INTERNAL_ERROR_REPORTED&) {
+    } catch (const std::exception& error) {
+        std::cerr << "error: " << error.what() << std::endl;
+        status = TOOL_FAILURE;
+    }
+    MSG_RECEIVER::set(nullptr);
+    return status;
+}

@@ -1,0 +1,276 @@
+#include "zel/zel_py/zel_py.h"
+
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "zel/zel_msg/zel_msg.h"
+#include "zel/zel_py/py_platform.h"
+#include "zel/zel_py/py_reference.h"
+
+namespace {
+
+// The session in force. The library never runs two at once.
+struct SESSION {
+    bool owns_interpreter = false;
+    PyGILState_STATE lock = PyGILState_UNLOCKED;
+    std::string character_locale;
+};
+SESSION session;
+
+#if PY_VERSION_HEX >= 0x03080000
+
+// The number of the check in reports.
+constexpr int start_check_line = 61;
+
+void require(const PyStatus& status) {
+    if (PyStatus_Exception(status) != 0) {
+        MSG_INTERNAL_ERROR::report_varg("ZEL_PY", "zel/zel_py/zel_py", start_check_line,
+                                        "Python interpreter cannot be started: %s",
+                                        status.err_msg == nullptr ? "no reason" : status.err_msg);
+        std::abort();
+    }
+}
+
+struct CONFIGURATION {
+    PyConfig config;
+    CONFIGURATION() { PyConfig_InitPythonConfig(&config); }
+    ~CONFIGURATION() { PyConfig_Clear(&config); }
+};
+
+void start_interpreter() {
+    PyPreConfig before;
+    PyPreConfig_InitPythonConfig(&before);
+    before.parse_argv = 0;
+    before.coerce_c_locale = 0;  // the environment is the host's
+    require(Py_PreInitialize(&before));
+
+    CONFIGURATION configuration;
+    PyConfig& config = configuration.config;
+    config.parse_argv = 0;
+    config.install_signal_handlers = 0;
+    config.configure_c_stdio = 0;  // the standard streams' buffers are the host's
+#if defined(ZEL_PY_PROGRAM)
+    // With the interpreter's own name the search for the standard library starts beside it,
+    // whatever "python3" the host's PATH leads to.
+    if (std::FILE* const program = std::fopen(ZEL_PY_PROGRAM, "rb")) {
+        std::fclose(program);
+        require(PyConfig_SetBytesString(&config, &config.program_name, ZEL_PY_PROGRAM));
+    }
+#endif
+    require(Py_InitializeFromConfig(&config));
+}
+
+#else
+
+void start_interpreter() {
+#if defined(ZEL_PY_PROGRAM)
+    if (std::FILE* const program = std::fopen(ZEL_PY_PROGRAM, "rb")) {
+        std::fclose(program);
+        static wchar_t* const name = Py_DecodeLocale(ZEL_PY_PROGRAM, nullptr);
+        if (name != nullptr) {
+            Py_SetProgramName(name);
+        }
+    }
+#endif
+    Py_InitializeEx(0);
+}
+
+#endif
+
+// The three parts of the pending exception, taken out of the interpreter and put in order.
+struct PENDING_ERROR {
+    PY_REFERENCE type;
+    PY_REFERENCE value;
+    PY_REFERENCE traceback;
+
+    PENDING_ERROR() {
+        PyObject* raw_type = nullptr;
+        PyObject* raw_value = nullptr;
+        PyObject* raw_traceback = nullptr;
+        PyErr_Fetch(&raw_type, &raw_value, &raw_traceback);
+        PyErr_NormalizeException(&raw_type, &raw_value, &raw_traceback);
+        if (raw_traceback != nullptr && raw_value != nullptr) {
+            PyException_SetTraceback(raw_value, raw_traceback);
+        }
+        type = PY_REFERENCE::owned(raw_type);
+        value = PY_REFERENCE::owned(raw_value);
+        traceback = PY_REFERENCE::owned(raw_traceback);
+    }
+
+    void display() const { PyErr_Display(type.get(), value.get(), traceback.get()); }
+};
+
+void flush_python_stream(const char* name) {
+    PyObject* const stream = PySys_GetObject(name);
+    if (stream != nullptr && stream != Py_None) {
+        const PY_REFERENCE flushed =
+            PY_REFERENCE::owned(PyObject_CallMethod(stream, "flush", nullptr));
+        if (!flushed) {
+            PyErr_Clear();
+        }
+    }
+}
+
+// Prints what a main program gave to sys.exit instead of a status.
+void print_exit_text(PyObject* text) {
+    PyObject* const stream = PySys_GetObject("stderr");
+    if (stream != nullptr && stream != Py_None) {
+        if (PyFile_WriteObject(text, stream, Py_PRINT_RAW) == 0) {
+            PyFile_WriteString("\n", stream);
+        }
+    }
+    PyErr_Clear();
+}
+
+// Ends a main program that raised the pending exception. True when that was a successful exit.
+bool end_main_program() {
+    if (PyErr_ExceptionMatches(PyExc_SystemExit) == 0) {
+        py_print_error();
+        return false;
+    }
+    const PENDING_ERROR exit;
+    const PY_REFERENCE status = PY_REFERENCE::owned(
+        exit.value ? PyObject_GetAttrString(exit.value.get(), "code") : nullptr);
+    bool success = false;
+    if (!status) {
+        PyErr_Clear();
+    } else if (status.get() == Py_None) {
+        success = true;
+    } else if (PyLong_Check(status.get())) {
+        success = PyLong_AsLong(status.get()) == 0;
+        PyErr_Clear();
+    } else {
+        flush_python_stream("stdout");
+        print_exit_text(status.get());
+        flush_python_stream("stderr");
+    }
+    return success;
+}
+
+// The code object of a script file, or null with an exception pending.
+PY_REFERENCE load_code(PyObject* loader, PyObject* path, bool compiled) {
+    if (compiled) {
+        return PY_REFERENCE::owned(PyObject_CallMethod(loader, "get_code", "s", "__main__"));
+    }
+    const PY_REFERENCE source =
+        PY_REFERENCE::owned(PyObject_CallMethod(loader, "get_data", "O", path));
+    if (!source) {
+        return PY_REFERENCE();
+    }
+    return PY_REFERENCE::owned(
+        PyObject_CallMethod(loader, "source_to_code", "OO", source.get(), path));
+}
+
+bool is_compiled(const std::string& file) {
+    std::string extension = file.substr(file.size() < 4 ? 0 : file.size() - 4);
+    for (char& letter : extension) {
+        letter = letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+    }
+    return extension == ".pyc";
+}
+
+// Runs a script file in the main module; null with an exception pending when it fails.
+PY_REFERENCE run_main_file(const char* file) {
+    const bool compiled = is_compiled(file);
+    const PY_REFERENCE path = PY_REFERENCE::owned(PyUnicode_DecodeFSDefault(file));
+    const PY_REFERENCE machinery =
+        PY_REFERENCE::owned(path ? PyImport_ImportModule("importlib.machinery") : nullptr);
+    const PY_REFERENCE loader = PY_REFERENCE::owned(
+        machinery ? PyObject_CallMethod(machinery.get(),
+                                        compiled ? "SourcelessFileLoader" : "SourceFileLoader",
+                                        "sO", "__main__", path.get())
+                  : nullptr);
+    const PY_REFERENCE code = loader ? load_code(loader.get(), path.get(), compiled) : PY_REFERENCE();
+    PyObject* const main_module = code ? PyImport_AddModule("__main__") : nullptr;
+    if (main_module == nullptr) {
+        return PY_REFERENCE();
+    }
+    PyObject* const names = PyModule_GetDict(main_module);
+    if (PyDict_SetItemString(names, "__file__", path.get()) != 0 ||
+        PyDict_SetItemString(names, "__loader__", loader.get()) != 0) {
+        return PY_REFERENCE();
+    }
+    return PY_REFERENCE::owned(PyEval_EvalCode(code.get(), names, names));
+}
+
+bool set_script_arguments(int argc, const char** argv) {
+    const PY_REFERENCE list = PY_REFERENCE::owned(PyList_New(0));
+    for (int index = 0; list && index < argc && argv[index] != nullptr; ++index) {
+        const PY_REFERENCE text = PY_REFERENCE::owned(PyUnicode_DecodeFSDefault(argv[index]));
+        if (!text || PyList_Append(list.get(), text.get()) != 0) {
+            return false;
+        }
+    }
+    return list && PySys_SetObject("argv", list.get()) == 0;
+}
+
+}  // namespace
+
+void py_initialize() {
+    session = SESSION();
+    if (Py_IsInitialized() != 0) {
+        session.lock = PyGILState_Ensure();
+        return;
+    }
+    const char* const locale = std::setlocale(LC_CTYPE, nullptr);
+    session.character_locale = locale == nullptr ? "" : locale;
+    start_interpreter();
+    session.owns_interpreter = true;
+    py_platform::ignore_broken_pipes();
+}
+
+void py_finalize() {
+    PyErr_Clear();
+    if (!session.owns_interpreter) {
+        PyGILState_Release(session.lock);
+        return;
+    }
+    Py_FinalizeEx();
+    session.owns_interpreter = false;
+    py_platform::restore_broken_pipes();
+    if (!session.character_locale.empty()) {
+        std::setlocale(LC_CTYPE, session.character_locale.c_str());
+    }
+}
+
+bool py_eval(const char* statement) {
+    PyObject* const main_module = PyImport_AddModule("__main__");
+    if (main_module == nullptr) {
+        return end_main_program();
+    }
+    PyObject* const names = PyModule_GetDict(main_module);
+    const PY_REFERENCE result =
+        PY_REFERENCE::owned(PyRun_String(statement, Py_file_input, names, names));
+    return result || end_main_program();
+}
+
+bool py_source_with_args(int argc, const char** argv) {
+    if (argc < 1 || argv == nullptr || argv[0] == nullptr) {
+        return false;
+    }
+    if (!set_script_arguments(argc, argv)) {
+        return end_main_program();
+    }
+    const PY_REFERENCE result = run_main_file(argv[0]);
+    return result || end_main_program();
+}
+
+void py_print_error() {
+    const PENDING_ERROR error;
+    flush_python_stream("stdout");
+    PyObject* const hook = PySys_GetObject("excepthook");
+    PY_REFERENCE shown;
+    if (hook != nullptr && PyErr_GivenExceptionMatches(error.type.get(), PyExc_SystemExit) == 0) {
+        const PY_REFERENCE own_hook = PY_REFERENCE::borrowed(hook);
+        shown = PY_REFERENCE::owned(PyObject_CallFunctionObjArgs(
+            own_hook.get(), error.type.get(), error.value ? error.value.get() : Py_None,
+            error.traceback ? error.traceback.get() : Py_None, nullptr));
+    }
+    if (!shown) {
+        PyErr_Clear();  // what a broken hook raised
+        error.display();
+    }
+    flush_python_stream("stderr");
+}

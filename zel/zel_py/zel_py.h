@@ -1,0 +1,38 @@
+// The suite's embedded Python interpreter.
+//
+// The interpreter is process-wide: one session at a time, and all operations of a session on the
+// thread that called py_initialize. Texts are UTF-8.
+
+#ifndef ZEL_ZEL_PY_ZEL_PY_H
+#define ZEL_ZEL_PY_ZEL_PY_H
+
+#include "zel/zel_py/zel_py_export.h"
+
+// Starts the interpreter. No signal handlers are installed; SIGPIPE is ignored until py_finalize,
+// so that a script that writes to a closed connection cannot end the process. Where the host runs
+// an interpreter of its own, the session uses that one and takes its lock.
+//
+// An interpreter that cannot start (a PYTHONHOME that leads nowhere, say) is an internal error.
+// Python 3.7 ends the process itself in that case.
+ZEL_PY_API void py_initialize();
+
+// Shuts down the interpreter that py_initialize started and puts back what it changed in the
+// process (signal disposition, character locale). A host's own interpreter is left running.
+ZEL_PY_API void py_finalize();
+
+// Runs a statement, or several parted by line ends, in the main module. Returns true when they ran
+// to their end. An exception is printed as Python prints it, and gives false. sys.exit ends the
+// statement, not the process: true for no status or status 0, else false, a text being printed.
+ZEL_PY_API bool py_eval(const char* statement);
+
+// Runs the file argv[0] as the main program with sys.argv made of the `argc` entries of argv:
+// compiled code when the name ends with ".pyc", else source. Returns true when it ran to its end;
+// exceptions and sys.exit as with py_eval. The entries stay the caller's.
+ZEL_PY_API bool py_source_with_args(int argc, const char** argv);
+
+// Prints the pending Python exception through sys.excepthook and clears it, as PyErr_Print does,
+// but never ends the process: a SystemExit is printed like any other exception. Something must be
+// pending.
+ZEL_PY_API void py_print_error();
+
+#endif
