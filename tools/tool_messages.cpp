@@ -14,23 +14,28 @@ struct INTERNAL_ERROR_REPORTED {};
 class TOOL_RECEIVER : public MSG_RECEIVER {
 public:
     void line(int /*type*/, const std::string& text) override {
+        reported = true;
         std::cerr << "error: " << text << std::endl;
     }
     void post(unsigned long number, const std::string& text) override {
+        reported = true;
         std::cerr << "error " << number << ": " << text << std::endl;
     }
     void internal_error(const INTERNAL_ERROR& error) override {
         std::cerr << to_text(error) << std::endl;
         throw INTERNAL_ERROR_REPORTED();
     }
+
+    bool reported = false;
 };
+
+TOOL_RECEIVER receiver;
 
 }  // namespace
 
 int run_tool(const std::function<int()>& work) {
     // Paths and arguments are converted in the process's locale.
     std::setlocale(LC_ALL, "");
-    TOOL_RECEIVER receiver;
     MSG_RECEIVER::set(&receiver);
     int status = TOOL_INTERNAL_ERROR;
     try {
@@ -42,4 +47,8 @@ int run_tool(const std::function<int()>& work) {
     }
     MSG_RECEIVER::set(nullptr);
     return status;
+}
+
+bool tool_has_reported() {
+    return receiver.reported;
 }

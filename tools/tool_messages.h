@@ -18,4 +18,7 @@ enum TOOL_STATUS : int {
 // reports one.
 int run_tool(const std::function<int()>& work);
 
+// Whether an error line or a numbered error was reported since the tool started.
+bool tool_has_reported();
+
 #endif

@@ -56,7 +56,9 @@ std::string PGM_COMMON::pgm_get_unshipped_programmer(bool /*internal*/) {
     return folder("PGM_UNSHIPPED_PROGRAMMER_DIR", "/unshipped/programmer");
 }
 
-std::string PGM_COMMON::pgm_get_bin_directory() { return folder("PGM_BIN_DIR", ""); }
+std::string PGM_COMMON::pgm_get_bin_directory() {
+    return folder("PGM_BIN_DIR", "");
+}
 
 std::string PGM_COMMON::get_extension(const std::string& file) {
     const std::string name = FIO_PATH(file).filename();
@@ -93,10 +95,12 @@ std::string PGM_COMMON::convert_byte_array_to_standard_hex_string(const unsigned
     return text;
 }
 
-std::vector<std::string> PGM_COMMON::split_string(
-    const std::string& text, const std::string& delimiter, bool drop_empty, bool /*trim*/,
-    unsigned long most, const std::vector<std::string>& /*quotes*/, const std::string& /*escape*/,
-    bool /*keep_text*/) {
+std::vector<std::string> PGM_COMMON::split_string(const std::string& text,
+                                                  const std::string& delimiter, bool drop_empty,
+                                                  bool /*trim*/, unsigned long most,
+                                                  const std::vector<std::string>& /*quotes*/,
+                                                  const std::string& /*escape*/,
+                                                  bool /*keep_text*/) {
     std::vector<std::string> pieces;
     const auto add = [&pieces, drop_empty](std::string piece) {
         if (!drop_empty || !piece.empty()) {

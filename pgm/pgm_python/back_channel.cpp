@@ -10,7 +10,9 @@ using namespace back_channel_socket;
 
 namespace {
 
-void unblock_socket(void* socket) { unblock(*static_cast<SOCKET_HANDLE*>(socket)); }
+void unblock_socket(void* socket) {
+    unblock(*static_cast<SOCKET_HANDLE*>(socket));
+}
 
 // A socket that is closed at the end of its scope.
 class OWNED_SOCKET {
@@ -65,8 +67,7 @@ private:
 // The listening socket for the address, bound but not yet listening; invalid when a call failed.
 SOCKET_HANDLE open_bound_socket(const ADDRESS* address) {
     const SOCKET_HANDLE socket = open_socket(address);
-    if (socket != invalid_socket &&
-        !(allow_address_reuse(socket) && bind_to(socket, address))) {
+    if (socket != invalid_socket && !(allow_address_reuse(socket) && bind_to(socket, address))) {
         close_socket(socket);
         return invalid_socket;
     }
@@ -129,7 +130,9 @@ int listen_python_messages(void* handle) {
     return 0;
 }
 
-BACK_CHANNEL::~BACK_CHANNEL() { thr_thread_terminate_and_possibly_crash(m_thread); }
+BACK_CHANNEL::~BACK_CHANNEL() {
+    thr_thread_terminate_and_possibly_crash(m_thread);
+}
 
 void BACK_CHANNEL::start() {
     m_data.received = false;

@@ -13,7 +13,9 @@ struct ADDRESS : addrinfo {};
 
 namespace {
 
-int descriptor(SOCKET_HANDLE socket) { return static_cast<int>(socket); }
+int descriptor(SOCKET_HANDLE socket) {
+    return static_cast<int>(socket);
+}
 
 SOCKET_HANDLE handle(int descriptor) {
     return descriptor < 0 ? invalid_socket : static_cast<SOCKET_HANDLE>(descriptor);
@@ -21,7 +23,9 @@ SOCKET_HANDLE handle(int descriptor) {
 
 }  // namespace
 
-bool start_up() { return true; }
+bool start_up() {
+    return true;
+}
 
 void clean_up() {}
 
@@ -36,11 +40,13 @@ ADDRESS* find_address(const char* node, const char* service) {
                                                              : nullptr;
 }
 
-void free_address(ADDRESS* address) { ::freeaddrinfo(address); }
+void free_address(ADDRESS* address) {
+    ::freeaddrinfo(address);
+}
 
 SOCKET_HANDLE open_socket(const ADDRESS* address) {
-    return handle(::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC,
-                           address->ai_protocol));
+    return handle(
+        ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol));
 }
 
 bool allow_address_reuse(SOCKET_HANDLE socket) {
@@ -52,7 +58,9 @@ bool bind_to(SOCKET_HANDLE socket, const ADDRESS* address) {
     return ::bind(descriptor(socket), address->ai_addr, address->ai_addrlen) == 0;
 }
 
-bool start_listening(SOCKET_HANDLE socket) { return ::listen(descriptor(socket), SOMAXCONN) == 0; }
+bool start_listening(SOCKET_HANDLE socket) {
+    return ::listen(descriptor(socket), SOMAXCONN) == 0;
+}
 
 SOCKET_HANDLE accept_client(SOCKET_HANDLE socket) {
     int client;
@@ -70,11 +78,18 @@ std::ptrdiff_t receive(SOCKET_HANDLE socket, char* buffer, std::size_t size) {
     return count;
 }
 
-void shut_down_sending(SOCKET_HANDLE socket) { ::shutdown(descriptor(socket), SHUT_WR); }
+void shut_down_sending(SOCKET_HANDLE socket) {
+    ::shutdown(descriptor(socket), SHUT_WR);
+}
 
-void close_socket(SOCKET_HANDLE socket) { ::close(descriptor(socket)); }
+void close_socket(SOCKET_HANDLE socket) {
+    ::close(descriptor(socket));
+}
 
-// A listening socket that is shut down refuses to accept, a connected one to receive, now and later.
-void unblock(SOCKET_HANDLE socket) { ::shutdown(descriptor(socket), SHUT_RDWR); }
+// A listening socket that is shut down refuses to accept, a connected one to receive, now and
+// later.
+void unblock(SOCKET_HANDLE socket) {
+    ::shutdown(descriptor(socket), SHUT_RDWR);
+}
 
 }  // namespace back_channel_socket

@@ -43,8 +43,7 @@ void run_statement(const char* format, const std::string& folder, const CHECK& c
 void set_interpreter_arguments(int count, wchar_t** arguments) {
     const PY_REFERENCE list = PY_REFERENCE::owned(PyList_New(0));
     for (int index = 0; list && index < count; ++index) {
-        const PY_REFERENCE text =
-            PY_REFERENCE::owned(PyUnicode_FromWideChar(arguments[index], -1));
+        const PY_REFERENCE text = PY_REFERENCE::owned(PyUnicode_FromWideChar(arguments[index], -1));
         if (!text || PyList_Append(list.get(), text.get()) != 0) {
             break;
         }
@@ -67,7 +66,7 @@ void set_interpreter_arguments(int count, wchar_t** arguments) {
 wchar_t** fill_wide_vector(const std::string& first, const std::vector<std::string>& args,
                            int count) {
     std::unique_ptr<wchar_t*[], WIDE_VECTOR_RELEASE> slots(
-        new wchar_t*[static_cast<std::size_t>(count)](), WIDE_VECTOR_RELEASE{count});
+        new wchar_t* [static_cast<std::size_t>(count)](), WIDE_VECTOR_RELEASE { count });
     int index = 0;
     int texts = 0;
     const auto store = [&](const std::string& text) {
@@ -161,14 +160,18 @@ void WIDE_ARGUMENT_VECTOR::set(const std::string& script,
     set_interpreter_arguments(m_count, m_arguments);
 }
 
-INTERPRETER_SESSION::INTERPRETER_SESSION() { py_initialize(); }
+INTERPRETER_SESSION::INTERPRETER_SESSION() {
+    py_initialize();
+}
 
 INTERPRETER_SESSION::~INTERPRETER_SESSION() {
     m_kept.clear();
     py_finalize();
 }
 
-void INTERPRETER_SESSION::setup_system_path() { PGM_PYTHON_MGR::setup_system_path(); }
+void INTERPRETER_SESSION::setup_system_path() {
+    PGM_PYTHON_MGR::setup_system_path();
+}
 
 std::string INTERPRETER_SESSION::setup_system_path(const std::string& script) {
     return PGM_PYTHON_MGR::setup_system_path(script);

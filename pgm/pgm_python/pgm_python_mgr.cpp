@@ -74,7 +74,8 @@ bool PGM_PYTHON_MGR::run_python_file(int argc, const char** argv) {
     const std::string script = find_default_script(first);
     const FIRST_SLOT slot(argv, script.c_str());
     if (!FIO_FILE_SYSTEM::exists(script)) {
-        PGM_COMMON_MSG::print_msg(MSG_TYPE_ERROR, 0, "Python script %s doest not exist", script.c_str());
+        PGM_COMMON_MSG::print_msg(MSG_TYPE_ERROR, 0, "Python script %s doest not exist",
+                                  script.c_str());
         return false;
     }
     BACK_CHANNEL back_channel;

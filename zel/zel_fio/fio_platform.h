@@ -20,12 +20,15 @@ std::string program_file();
 // The path with forward slashes wherever the platform knows another separator too.
 std::string with_forward_slashes(std::string path);
 
-// The length of the part of `path` that names its root ("/", "C:/", "//server/share/"); 0 for a
-// relative path. `path` has forward slashes.
+// The length of the part of `path` that names its root ("/", "C:/", "//server/share/"); 0 when it
+// has none. `path` has forward slashes.
 std::size_t root_length(const std::string& path);
 
-// The path with `base` (absolute) put before it; what a relative path that names a drive means is
-// the platform's own business.
+// Whether the place that `path` names depends on nothing else.
+bool is_absolute(const std::string& path);
+
+// The path with `base` (absolute) put before it, or the part of `base` that it lacks: "/b" takes
+// the drive of `base`, "C:b" the whole of it when that is on the drive C and else the drive's root.
 std::string join(const std::string& base, const std::string& path);
 
 }  // namespace fio_platform

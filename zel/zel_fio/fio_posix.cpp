@@ -40,10 +40,20 @@ std::string program_file() {
     }
 }
 
-std::string with_forward_slashes(std::string path) { return path; }
+std::string with_forward_slashes(std::string path) {
+    return path;
+}
 
-std::size_t root_length(const std::string& path) { return !path.empty() && path[0] == '/' ? 1 : 0; }
+std::size_t root_length(const std::string& path) {
+    return !path.empty() && path[0] == '/' ? 1 : 0;
+}
 
-std::string join(const std::string& base, const std::string& path) { return base + "/" + path; }
+bool is_absolute(const std::string& path) {
+    return root_length(path) != 0;
+}
+
+std::string join(const std::string& base, const std::string& path) {
+    return base + "/" + path;
+}
 
 }  // namespace fio_platform

@@ -1,5 +1,6 @@
 #include "zel/zel_fio/zel_fio.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "zel/zel_fio/fio_platform.h"
@@ -48,7 +49,7 @@ FIO_PATH::FIO_PATH(std::string path)
     : m_path(fio_platform::with_forward_slashes(std::move(path))) {}
 
 void FIO_PATH::become_absolute(const std::string& base) {
-    if (fio_platform::root_length(m_path) == 0) {
+    if (!fio_platform::is_absolute(m_path)) {
         const std::string start = base.empty() ? fio_platform::current_directory()
                                                : fio_platform::with_forward_slashes(base);
         if (!start.empty()) {
@@ -58,7 +59,9 @@ void FIO_PATH::become_absolute(const std::string& base) {
     m_path = tidied(m_path);
 }
 
-std::string FIO_PATH::fullpath() const { return m_path; }
+std::string FIO_PATH::fullpath() const {
+    return m_path;
+}
 
 std::string FIO_PATH::full_directory() const {
     const std::size_t root = fio_platform::root_length(m_path);
@@ -66,10 +69,12 @@ std::string FIO_PATH::full_directory() const {
     if (slash == std::string::npos) {
         return ".";
     }
-    if (slash < root) {
-        return m_path.substr(0, root);
+    // Doubled separators before the last component are none of the folder's.
+    std::size_t end = slash;
+    while (end > root && m_path[end - 1] == '/') {
+        --end;
     }
-    return m_path.substr(0, slash);
+    return m_path.substr(0, std::max(end, root));
 }
 
 std::string FIO_PATH::filename() const {

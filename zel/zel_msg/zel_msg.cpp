@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <utility>
 
 #include "zel/zel_mem/zel_mem.h"
 
@@ -59,9 +58,15 @@ std::string fill(const std::string& format, const std::vector<std::string>& argu
     return text;
 }
 
+struct REGISTERED_ID {
+    unsigned long id;
+    int type;
+    const MSG_ID_REGISTRAR* registrar;
+};
+
 struct REGISTERED_IDS {
     std::mutex mutex;
-    std::vector<std::pair<unsigned long, int>> ids;
+    std::vector<REGISTERED_ID> ids;
 };
 
 // Never destroyed: modules that registered numbers may be unloaded after this library's own
@@ -80,8 +85,8 @@ MSG_RECEIVER* MSG_RECEIVER::set(MSG_RECEIVER* receiver) noexcept {
 }
 
 std::string MSG_RECEIVER::to_text(const INTERNAL_ERROR& error) {
-    return "internal error: " + error.text + " [" + error.module + ", " + error.source +
-           ", line " + std::to_string(error.line) + "]";
+    return "internal error: " + error.text + " [" + error.module + ", " + error.source + ", line " +
+           std::to_string(error.line) + "]";
 }
 
 void msg_line(int type, const std::string& text) {
@@ -110,26 +115,22 @@ void MSG_POST::post() const {
 
 MSG_E::MSG_E(MSG_REPORT* /*report*/) {}
 
-MSG_ID_REGISTRAR::MSG_ID_REGISTRAR(const unsigned long* ids, const int* types, unsigned long count)
-    : m_ids(ids, ids + count) {
+MSG_ID_REGISTRAR::MSG_ID_REGISTRAR(const unsigned long* ids, const int* types,
+                                   unsigned long count) {
     REGISTERED_IDS& all = registered_ids();
     const std::lock_guard<std::mutex> lock(all.mutex);
     for (unsigned long index = 0; index < count; ++index) {
-        all.ids.emplace_back(ids[index], types[index]);
+        all.ids.push_back({ids[index], types[index], this});
     }
 }
 
 MSG_ID_REGISTRAR::~MSG_ID_REGISTRAR() {
     REGISTERED_IDS& all = registered_ids();
     const std::lock_guard<std::mutex> lock(all.mutex);
-    for (const unsigned long id : m_ids) {
-        const auto found =
-            std::find_if(all.ids.begin(), all.ids.end(),
-                         [id](const std::pair<unsigned long, int>& row) { return row.first == id; });
-        if (found != all.ids.end()) {
-            all.ids.erase(found);
-        }
-    }
+    all.ids.erase(
+        std::remove_if(all.ids.begin(), all.ids.end(),
+                       [this](const REGISTERED_ID& row) { return row.registrar == this; }),
+        all.ids.end());
 }
 
 std::vector<unsigned long> MSG_ID_REGISTRAR::registered() {
@@ -137,7 +138,7 @@ std::vector<unsigned long> MSG_ID_REGISTRAR::registered() {
     const std::lock_guard<std::mutex> lock(all.mutex);
     std::vector<unsigned long> ids;
     for (const auto& row : all.ids) {
-        ids.push_back(row.first);
+        ids.push_back(row.id);
     }
     return ids;
 }
@@ -146,8 +147,8 @@ int MSG_ID_REGISTRAR::type_of(unsigned long id) {
     REGISTERED_IDS& all = registered_ids();
     const std::lock_guard<std::mutex> lock(all.mutex);
     for (const auto& row : all.ids) {
-        if (row.first == id) {
-            return row.second;
+        if (row.id == id) {
+            return row.type;
         }
     }
     return -1;

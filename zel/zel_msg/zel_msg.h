@@ -153,9 +153,6 @@ public:
 
     // The post type of a number, or -1 when it is not registered.
     static int type_of(unsigned long id);
-
-private:
-    std::vector<unsigned long> m_ids;
 };
 
 // Reports of broken preconditions and impossible states.

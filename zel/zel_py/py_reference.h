@@ -28,7 +28,8 @@ public:
         return PY_REFERENCE(object);
     }
 
-    PY_REFERENCE(PY_REFERENCE&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
+    PY_REFERENCE(PY_REFERENCE&& other)
+    noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
     PY_REFERENCE& operator=(PY_REFERENCE&& other) noexcept {
         PyObject* const old = std::exchange(m_object, std::exchange(other.m_object, nullptr));
         Py_XDECREF(old);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "zel/zel_msg/zel_msg.h"
 #include "zel/zel_py/py_platform.h"
@@ -102,25 +103,36 @@ struct PENDING_ERROR {
     void display() const { PyErr_Display(type.get(), value.get(), traceback.get()); }
 };
 
-void flush_python_stream(const char* name) {
+// A stream of the sys module, null when there is none. Scripts may replace a stream while it is in
+// use, so the reference is held for as long as that lasts.
+PY_REFERENCE python_stream(const char* name) {
     PyObject* const stream = PySys_GetObject(name);
-    if (stream != nullptr && stream != Py_None) {
+    return PY_REFERENCE::borrowed(stream == Py_None ? nullptr : stream);
+}
+
+void flush_python_stream(const char* name) {
+    const PY_REFERENCE stream = python_stream(name);
+    if (stream) {
         const PY_REFERENCE flushed =
-            PY_REFERENCE::owned(PyObject_CallMethod(stream, "flush", nullptr));
+            PY_REFERENCE::owned(PyObject_CallMethod(stream.get(), "flush", nullptr));
         if (!flushed) {
             PyErr_Clear();
         }
     }
 }
 
-// Prints what a main program gave to sys.exit instead of a status.
+// Prints what a main program gave to sys.exit instead of a status, as Python does at its end: a
+// text that cannot be made or written leaves an empty line.
 void print_exit_text(PyObject* text) {
-    PyObject* const stream = PySys_GetObject("stderr");
-    if (stream != nullptr && stream != Py_None) {
-        if (PyFile_WriteObject(text, stream, Py_PRINT_RAW) == 0) {
-            PyFile_WriteString("\n", stream);
+    if (const PY_REFERENCE stream = python_stream("stderr")) {
+        if (PyFile_WriteObject(text, stream.get(), Py_PRINT_RAW) != 0) {
+            PyErr_Clear();
         }
+    } else {
+        PySys_FormatStderr("%S", text);  // without a stream: the C library's
+        PyErr_Clear();
     }
+    PySys_WriteStderr("\n");
     PyErr_Clear();
 }
 
@@ -130,13 +142,18 @@ bool end_main_program() {
         py_print_error();
         return false;
     }
-    const PENDING_ERROR exit;
-    const PY_REFERENCE status = PY_REFERENCE::owned(
+    PENDING_ERROR exit;
+    PY_REFERENCE status = PY_REFERENCE::owned(
         exit.value ? PyObject_GetAttrString(exit.value.get(), "code") : nullptr);
     bool success = false;
     if (!status) {
         PyErr_Clear();
-    } else if (status.get() == Py_None) {
+        status = std::move(exit.value);
+    }
+    if (!status) {
+        return false;
+    }
+    if (status.get() == Py_None) {
         success = true;
     } else if (PyLong_Check(status.get())) {
         success = PyLong_AsLong(status.get()) == 0;
@@ -182,7 +199,8 @@ PY_REFERENCE run_main_file(const char* file) {
                                         compiled ? "SourcelessFileLoader" : "SourceFileLoader",
                                         "sO", "__main__", path.get())
                   : nullptr);
-    const PY_REFERENCE code = loader ? load_code(loader.get(), path.get(), compiled) : PY_REFERENCE();
+    const PY_REFERENCE code =
+        loader ? load_code(loader.get(), path.get(), compiled) : PY_REFERENCE();
     PyObject* const main_module = code ? PyImport_AddModule("__main__") : nullptr;
     if (main_module == nullptr) {
         return PY_REFERENCE();
@@ -260,6 +278,7 @@ bool py_source_with_args(int argc, const char** argv) {
 void py_print_error() {
     const PENDING_ERROR error;
     flush_python_stream("stdout");
+    const PY_REFERENCE stream = python_stream("stderr");
     PyObject* const hook = PySys_GetObject("excepthook");
     PY_REFERENCE shown;
     if (hook != nullptr && PyErr_GivenExceptionMatches(error.type.get(), PyExc_SystemExit) == 0) {

@@ -32,7 +32,9 @@ void join(SYSTEM_THREAD* thread) {
     delete thread;
 }
 
-void kill(SYSTEM_THREAD* thread) { ::pthread_cancel(thread->thread); }
+void kill(SYSTEM_THREAD* thread) {
+    ::pthread_cancel(thread->thread);
+}
 
 void abandon(SYSTEM_THREAD* thread) {
     ::pthread_detach(thread->thread);

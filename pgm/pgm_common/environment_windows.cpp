@@ -1,0 +1,11 @@
+#include "pgm/pgm_common/environment.h"
+#include "zel/zel_fio/fio_text_windows.h"
+
+// The process may hold several C runtimes, each with a copy of the environment; the system's own is
+// the one that every change reaches.
+std::string environment_value(const char* name) {
+    const std::wstring wide_name = to_wide(name);
+    return to_utf8(wide_text_from([&wide_name](wchar_t* buffer, DWORD size) {
+        return ::GetEnvironmentVariableW(wide_name.c_str(), buffer, size);
+    }));
+}

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "pgm/pgm_python/bridge_call.h"
+#include "pgm/pgm_python/pgm_python_mgr.h"
+#include "tests/support.h"
+
+namespace {
+
+constexpr BRIDGE early = BRIDGE(1).with_early_back_channel();
+constexpr BRIDGE late = BRIDGE(2).with_late_back_channel();
+
+bool call(const BRIDGE& bridge, const std::string& script, const char* function) {
+    BRIDGE_CALL road(bridge, script, function);
+    return road.run(ignore_result);
+}
+
+const char script_source[] =
+    "import _socket\n"
+    "def succeed(): return 1\n"
+    "def send():\n"
+    "    channel = _socket.socket(_socket.AF_INET, _socket.SOCK_STREAM)\n"
+    "    channel.connect(('127.0.0.1', 57343))\n"
+    "    channel.sendall(b'first act')\n"
+    "    channel.close()\n"
+    "def refuse():\n"
+    "    send()\n"
+    "    raise ValueError\n"
+    "def succeed_aloud():\n"
+    "    send()\n"
+    "def fail_silently(): raise ValueError\n";
+
+TEST(Endurance, AReasonSentAsTheFirstActIsDeliveredEveryTime) {
+    const TEST_INSTALLATION installation;
+    const std::string script = installation.common_script("python/many.py", script_source);
+    RECORDING_RECEIVER receiver;
+    int delivered = 0;
+    for (int round = 0; round < 1000; ++round) {
+        receiver.reports.clear();
+        call(round % 2 == 0 ? early : late, script, "refuse");
+        if (receiver.reports.size() == 2 && receiver.reports[1] == "error 20353: first act") {
+            ++delivered;
+        }
+    }
+    EXPECT_EQ(delivered, 1000);
+}
+
+TEST(Endurance, TwoThousandMixedCallsLeaveNoThreadNoHandleAndAFreePort) {
+    const TEST_INSTALLATION installation;
+    const std::string script = installation.common_script("python/many.py", script_source);
+    RECORDING_RECEIVER receiver;
+    int threads = 0;
+    int handles = 0;
+    int calls_with_a_taken_port = 0;
+    int wrong_results = 0;
+    for (int round = 0; round < 2000; ++round) {
+        const BRIDGE& bridge = round % 2 == 0 ? early : late;
+        // A failing call that says nothing waits for half a second, so there are fewer of them.
+        if (round % 100 == 37 || round % 100 == 62) {
+            wrong_results += call(bridge, script, "fail_silently") ? 1 : 0;
+        } else if (round % 4 < 2) {
+            wrong_results += call(bridge, script, "refuse") ? 1 : 0;
+        } else {
+            wrong_results +=
+                call(bridge, script, round % 8 < 4 ? "succeed" : "succeed_aloud") ? 0 : 1;
+        }
+        calls_with_a_taken_port += port_is_free() ? 0 : 1;
+        if (round == 9) {
+            threads = count_of_threads();
+            handles = count_of_open_handles();
+        }
+    }
+    EXPECT_EQ(wrong_results, 0);
+    EXPECT_EQ(calls_with_a_taken_port, 0);
+    EXPECT_EQ(count_of_threads(), threads);
+    EXPECT_EQ(count_of_open_handles(), handles);
+}
+
+TEST(Endurance, OperationsMayBeCalledOneAfterAnotherFromDifferentThreads) {
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "import threading\n"
+                               "def get_username(x):\n"
+                               "    main = threading.current_thread() is threading.main_thread()\n"
+                               "    return x + str(main)\n");
+    const std::string script = installation.common_script("python/many.py", script_source);
+    RECORDING_RECEIVER receiver;
+    for (int round = 0; round < 20; ++round) {
+        std::string name;
+        std::thread([&] {
+            name = PGM_PYTHON_MGR::get_username("user ");
+            call(early, script, "refuse");
+        }).join();
+        EXPECT_EQ(name, "user True");
+        EXPECT_EQ(PGM_PYTHON_MGR::get_username(""), "True");
+    }
+    EXPECT_EQ(receiver.reports.size(), 40U);
+}
+
+}  // namespace

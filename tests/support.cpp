@@ -1,0 +1,172 @@
+#include "tests/support.h"
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <random>
+
+#include "zel/zel_py/py_reference.h"
+#include "zel/zel_py/zel_py.h"
+
+RECORDING_RECEIVER::RECORDING_RECEIVER() : m_before(MSG_RECEIVER::set(this)) {}
+
+RECORDING_RECEIVER::~RECORDING_RECEIVER() {
+    MSG_RECEIVER::set(m_before);
+}
+
+void RECORDING_RECEIVER::line(int type, const std::string& text) {
+    EXPECT_EQ(type, 3);
+    reports.push_back("error: " + text);
+}
+
+void RECORDING_RECEIVER::post(unsigned long number, const std::string& text) {
+    reports.push_back("error " + std::to_string(number) + ": " + text);
+}
+
+void RECORDING_RECEIVER::internal_error(const INTERNAL_ERROR& error) {
+    reports.push_back(to_text(error));
+    if (!returns_from_internal_errors) {
+        throw INTERNAL_ERROR_THROWN{error};
+    }
+}
+
+std::string internal_error(const std::string& text, int line) {
+    return MSG_RECEIVER::to_text({text, "PGM_PYTHON", "pgm/pgm_python/pgm_python_mgr", line});
+}
+
+std::string thrown_by(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const INTERNAL_ERROR_THROWN& thrown) {
+        return MSG_RECEIVER::to_text(thrown.error);
+    }
+    return "nothing was thrown";
+}
+
+TEMPORARY_FOLDER::TEMPORARY_FOLDER(const std::string& name) {
+    std::random_device random;
+    const std::string unique = "pgm_python_" + std::to_string(random()) + std::to_string(random());
+    m_path = std::filesystem::canonical(std::filesystem::temp_directory_path()) / unique /
+             std::filesystem::u8path(name);
+    std::filesystem::create_directories(m_path);
+}
+
+TEMPORARY_FOLDER::~TEMPORARY_FOLDER() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path.parent_path(), ignored);
+}
+
+std::string TEMPORARY_FOLDER::path() const {
+    return m_path.generic_u8string();
+}
+
+std::string TEMPORARY_FOLDER::write(const std::string& name, const std::string& content) const {
+    const std::filesystem::path file = m_path / std::filesystem::u8path(name);
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream stream(file, std::ios::binary);
+    stream << content;
+    EXPECT_TRUE(stream.flush()) << file;
+    return file.generic_u8string();
+}
+
+std::string TEMPORARY_FOLDER::make_folder(const std::string& name) const {
+    const std::filesystem::path folder = m_path / std::filesystem::u8path(name);
+    std::filesystem::create_directories(folder);
+    return folder.generic_u8string();
+}
+
+std::string TEMPORARY_FOLDER::read(const std::string& name) const {
+    std::ifstream stream(m_path / std::filesystem::u8path(name), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+}
+
+CURRENT_FOLDER::CURRENT_FOLDER(const std::string& folder)
+    : m_before(std::filesystem::current_path()) {
+    std::filesystem::current_path(std::filesystem::u8path(folder));
+}
+
+CURRENT_FOLDER::~CURRENT_FOLDER() { std::filesystem::current_path(m_before); }
+
+std::string written_by(const std::function<void()>& action) {
+    testing::internal::CaptureStderr();
+    action();
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST_INSTALLATION::TEST_INSTALLATION(const std::string& name)
+    : m_folder(name),
+      m_common("PGM_COMMON_PROGRAMMER_DIR", common().c_str()),
+      m_unshipped("PGM_UNSHIPPED_PROGRAMMER_DIR", unshipped().c_str()),
+      m_bin("PGM_BIN_DIR", bin().c_str()) {
+    m_folder.make_folder("common/programmer/python");
+    m_folder.make_folder("unshipped/programmer/python");
+    m_folder.make_folder("bin");
+}
+
+namespace {
+
+std::string install(const TEMPORARY_FOLDER& folder, const std::string& name,
+                    const std::string& source) {
+    const bool compiled = name.size() > 4 && name.compare(name.size() - 4, 4, ".pyc") == 0;
+    const std::string file = folder.write(name, compiled ? "" : source);
+    if (compiled) {
+        write_compiled(file, source);
+    }
+    return file;
+}
+
+}  // namespace
+
+std::string TEST_INSTALLATION::common_script(const std::string& name,
+                                             const std::string& source) const {
+    return install(m_folder, "common/programmer/" + name, source);
+}
+
+std::string TEST_INSTALLATION::unshipped_script(const std::string& name,
+                                                const std::string& source) const {
+    return install(m_folder, "unshipped/programmer/" + name, source);
+}
+
+void write_compiled(const std::string& file, const std::string& source) {
+    py_initialize();
+    {
+        const PY_REFERENCE code =
+            PY_REFERENCE::owned(Py_CompileString(source.c_str(), file.c_str(), Py_file_input));
+        const PY_REFERENCE external =
+            PY_REFERENCE::owned(PyImport_ImportModule("importlib._bootstrap_external"));
+        const PY_REFERENCE bytes = PY_REFERENCE::owned(
+            code && external
+                ? PyObject_CallMethod(external.get(), "_code_to_timestamp_pyc", "O", code.get())
+                : nullptr);
+        if (!bytes) {
+            PyErr_Print();
+            ADD_FAILURE() << "cannot compile " << file;
+        } else {
+            const PY_REFERENCE plain = PY_REFERENCE::owned(PyBytes_FromObject(bytes.get()));
+            std::ofstream stream(std::filesystem::u8path(file), std::ios::binary);
+            stream.write(PyBytes_AsString(plain.get()), PyBytes_Size(plain.get()));
+            EXPECT_TRUE(stream.flush()) << file;
+        }
+    }
+    py_finalize();
+}
+
+const char send_function[] =
+    "import socket\n"
+    "def send(text):\n"
+    "    with socket.create_connection(('127.0.0.1', 57343), 5) as channel:\n"
+    "        channel.sendall(text)\n"
+    "        channel.shutdown(socket.SHUT_WR)\n";
+
+bool interpreter_is_running() {
+    return Py_IsInitialized() != 0;
+}
+
+NOTHING_LEFT_BEHIND::NOTHING_LEFT_BEHIND() : m_threads(count_of_threads()) {}
+
+void NOTHING_LEFT_BEHIND::check() const {
+    EXPECT_FALSE(interpreter_is_running());
+    EXPECT_EQ(count_of_threads(), m_threads);
+    EXPECT_TRUE(port_is_free());
+}

@@ -1,0 +1,198 @@
+// What the tests have in common: an installation of their own, a receiver that records, and looks
+// at the process from outside.
+
+#ifndef TESTS_SUPPORT_H
+#define TESTS_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "zel/zel_msg/zel_msg.h"
+
+// What a RECORDING_RECEIVER throws out of an internal error.
+struct INTERNAL_ERROR_THROWN {
+    MSG_RECEIVER::INTERNAL_ERROR error;
+};
+
+// Records what is reported while it lives, as "error: TEXT", "error NUMBER: TEXT" and
+// "internal error: TEXT [..., line N]"; throws INTERNAL_ERROR_THROWN out of internal errors unless
+// `returns_from_internal_errors` is set.
+class RECORDING_RECEIVER : public MSG_RECEIVER {
+public:
+    RECORDING_RECEIVER();
+    ~RECORDING_RECEIVER() override;
+
+    void line(int type, const std::string& text) override;
+    void post(unsigned long number, const std::string& text) override;
+    void internal_error(const INTERNAL_ERROR& error) override;
+
+    // What was reported so far, in order.
+    std::vector<std::string> reports;
+    bool returns_from_internal_errors = false;
+
+private:
+    MSG_RECEIVER* m_before;
+};
+
+// "internal error: TEXT [PGM_PYTHON, pgm/pgm_python/pgm_python_mgr, line N]"
+std::string internal_error(const std::string& text, int line);
+
+// Runs `action`, which must report an internal error through the receiver in force and throw it,
+// and returns the error in the form above; "nothing was thrown" otherwise.
+std::string thrown_by(const std::function<void()>& action);
+
+// A folder of its own, removed with all it holds at the end.
+class TEMPORARY_FOLDER {
+public:
+    explicit TEMPORARY_FOLDER(const std::string& name = "pgm_python_test");
+    ~TEMPORARY_FOLDER();
+    TEMPORARY_FOLDER(const TEMPORARY_FOLDER&) = delete;
+    TEMPORARY_FOLDER& operator=(const TEMPORARY_FOLDER&) = delete;
+
+    // The folder's path, with forward slashes.
+    std::string path() const;
+
+    // Writes a file below the folder, making the folders on the way; returns its whole path.
+    std::string write(const std::string& name, const std::string& content) const;
+
+    // Makes a folder below this one; returns its whole path.
+    std::string make_folder(const std::string& name) const;
+
+    std::string read(const std::string& name) const;
+
+private:
+    std::filesystem::path m_path;
+};
+
+// An environment variable with another value until the end of the scope; null unsets it.
+class ENVIRONMENT_VALUE {
+public:
+    ENVIRONMENT_VALUE(const std::string& name, const char* value);
+    ~ENVIRONMENT_VALUE();
+    ENVIRONMENT_VALUE(const ENVIRONMENT_VALUE&) = delete;
+    ENVIRONMENT_VALUE& operator=(const ENVIRONMENT_VALUE&) = delete;
+
+private:
+    std::string m_name;
+    std::string m_before;
+    bool m_was_set;
+};
+
+// Another current folder until the end of the scope.
+class CURRENT_FOLDER {
+public:
+    explicit CURRENT_FOLDER(const std::string& folder);
+    ~CURRENT_FOLDER();
+    CURRENT_FOLDER(const CURRENT_FOLDER&) = delete;
+    CURRENT_FOLDER& operator=(const CURRENT_FOLDER&) = delete;
+
+private:
+    std::filesystem::path m_before;
+};
+
+// What `action` writes to standard error, by whatever way.
+std::string written_by(const std::function<void()>& action);
+
+// An installation with scripts of the test's own, in force while it lives.
+class TEST_INSTALLATION {
+public:
+    // The folders are made below a temporary folder whose last component is `name`.
+    explicit TEST_INSTALLATION(const std::string& name = "installation");
+
+    std::string common() const { return m_folder.path() + "/common/programmer"; }
+    std::string unshipped() const { return m_folder.path() + "/unshipped/programmer"; }
+    std::string bin() const { return m_folder.path() + "/bin"; }
+    const TEMPORARY_FOLDER& folder() const { return m_folder; }
+
+    // Writes a script below the common programmer folder ("python/x.py"). A name that ends in
+    // ".pyc" gets the compiled form of `source`. Returns the whole path.
+    std::string common_script(const std::string& name, const std::string& source) const;
+
+    // The same below the unshipped programmer folder.
+    std::string unshipped_script(const std::string& name, const std::string& source) const;
+
+private:
+    TEMPORARY_FOLDER m_folder;
+    ENVIRONMENT_VALUE m_common;
+    ENVIRONMENT_VALUE m_unshipped;
+    ENVIRONMENT_VALUE m_bin;
+};
+
+// Writes the compiled form of a script with the linked interpreter.
+void write_compiled(const std::string& file, const std::string& source);
+
+// Source that sends `text` (a Python bytes expression) over the back channel in one send, in the
+// form of a function send(text).
+extern const char send_function[];
+
+// Whether an interpreter is initialised in the process.
+bool interpreter_is_running();
+
+// Counts of the process; negative where the platform does not tell.
+int count_of_threads();
+int count_of_open_handles();
+
+// Whether another program could listen on the back channel's port now.
+bool port_is_free();
+
+// Holds the back channel's port as another program would, until the end of the scope.
+class PORT_HOLDER {
+public:
+    PORT_HOLDER();
+    ~PORT_HOLDER();
+    PORT_HOLDER(const PORT_HOLDER&) = delete;
+    PORT_HOLDER& operator=(const PORT_HOLDER&) = delete;
+
+    bool holds() const { return m_holds; }
+
+private:
+    std::size_t m_socket;
+    bool m_holds = false;
+};
+
+// A client of the back channel.
+class CLIENT {
+public:
+    // Tries to connect for up to two seconds.
+    CLIENT();
+    ~CLIENT();
+    CLIENT(const CLIENT&) = delete;
+    CLIENT& operator=(const CLIENT&) = delete;
+
+    bool connected() const { return m_connected; }
+    void send(const std::string& text) const;
+
+    // Waits until the other side has closed; true when it did so without sending anything.
+    bool sees_silent_end() const;
+
+private:
+    std::size_t m_socket;
+    bool m_connected = false;
+};
+
+// Runs a program and gives its exit status and what it wrote. `environment` holds NAME=VALUE.
+struct PROGRAM_RESULT {
+    int status;
+    std::string output;
+    std::string errors;
+};
+PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,
+                           const std::vector<std::string>& environment = {});
+
+// Checks that an operation has left nothing behind: the interpreter is finalised, no thread is left
+// of more than there were, the port is free.
+class NOTHING_LEFT_BEHIND {
+public:
+    NOTHING_LEFT_BEHIND();
+    void check() const;
+
+private:
+    int m_threads;
+};
+
+#endif

@@ -1,0 +1,161 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include "tests/support.h"
+
+namespace {
+
+constexpr std::uint16_t port = 57343;
+
+sockaddr_in address(std::uint32_t host) {
+    sockaddr_in result = {};
+    result.sin_family = AF_INET;
+    result.sin_port = htons(port);
+    result.sin_addr.s_addr = htonl(host);
+    return result;
+}
+
+int count_entries(const char* folder) {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        static_cast<void>(entry);
+        ++count;
+    }
+    return count;
+}
+
+int new_socket() {
+    return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+// Binds as server programs do: addresses of connections that are long over do not matter.
+bool bind_and_listen(int socket) {
+    const int reuse = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    const sockaddr_in any = address(INADDR_ANY);
+    return ::bind(socket, reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0 &&
+           ::listen(socket, 1) == 0;
+}
+
+std::string contents(std::FILE* file) {
+    std::string text;
+    std::rewind(file);
+    char buffer[4096];
+    std::size_t count;
+    while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+        text.append(buffer, count);
+    }
+    std::fclose(file);
+    return text;
+}
+
+}  // namespace
+
+ENVIRONMENT_VALUE::ENVIRONMENT_VALUE(const std::string& name, const char* value) : m_name(name) {
+    const char* const before = std::getenv(name.c_str());
+    m_was_set = before != nullptr;
+    m_before = m_was_set ? before : "";
+    if (value == nullptr) {
+        ::unsetenv(name.c_str());
+    } else {
+        ::setenv(name.c_str(), value, 1);
+    }
+}
+
+ENVIRONMENT_VALUE::~ENVIRONMENT_VALUE() {
+    if (m_was_set) {
+        ::setenv(m_name.c_str(), m_before.c_str(), 1);
+    } else {
+        ::unsetenv(m_name.c_str());
+    }
+}
+
+int count_of_threads() {
+    return count_entries("/proc/self/task");
+}
+
+int count_of_open_handles() {
+    return count_entries("/proc/self/fd");
+}
+
+bool port_is_free() {
+    return PORT_HOLDER().holds();
+}
+
+PORT_HOLDER::PORT_HOLDER() {
+    const int socket = new_socket();
+    m_socket = static_cast<std::size_t>(socket);
+    m_holds = bind_and_listen(socket);
+}
+
+PORT_HOLDER::~PORT_HOLDER() {
+    ::close(static_cast<int>(m_socket));
+}
+
+CLIENT::CLIENT() {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    const sockaddr_in local = address(INADDR_LOOPBACK);
+    for (;;) {
+        const int socket = new_socket();
+        m_socket = static_cast<std::size_t>(socket);
+        if (::connect(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0) {
+            m_connected = true;
+            return;
+        }
+        if (std::chrono::steady_clock::now() > limit) {
+            return;
+        }
+        ::close(socket);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+CLIENT::~CLIENT() {
+    ::close(static_cast<int>(m_socket));
+}
+
+void CLIENT::send(const std::string& text) const {
+    EXPECT_EQ(::send(static_cast<int>(m_socket), text.data(), text.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(text.size()));
+}
+
+bool CLIENT::sees_silent_end() const {
+    char byte;
+    return ::recv(static_cast<int>(m_socket), &byte, 1, 0) == 0;
+}
+
+PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,
+                           const std::vector<std::string>& environment) {
+    std::FILE* const output = std::tmpfile();
+    std::FILE* const errors = std::tmpfile();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::dup2(::open("/dev/null", O_RDONLY), 0);
+        ::dup2(::fileno(output), 1);
+        ::dup2(::fileno(errors), 2);
+        for (const std::string& entry : environment) {
+            const std::size_t sign = entry.find('=');
+            ::setenv(entry.substr(0, sign).c_str(), entry.substr(sign + 1).c_str(), 1);
+        }
+        std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+        for (const std::string& argument : arguments) {
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        }
+        argv.push_back(nullptr);
+        ::execvp(program.c_str(), argv.data());
+        ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contents(output),
+            contents(errors)};
+}
