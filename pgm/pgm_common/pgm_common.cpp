@@ -1,9 +1,12 @@
 #include "pgm/pgm_common/pgm_common.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdlib>
 
 #include "pgm/pgm_common/environment.h"
+#include "pgm/pgm_common/hex_text.h"
 #include "zel/zel_fio/zel_fio.h"
 #include "zel/zel_mem/zel_mem.h"
 #include "zel/zel_msg/zel_msg.h"
@@ -86,11 +89,14 @@ std::string PGM_COMMON::convert_byte_array_to_standard_hex_string(const unsigned
                                                                   unsigned long size,
                                                                   bool /*upper_case*/,
                                                                   bool /*prefixed*/) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string text(static_cast<std::size_t>(size) * 2, '\0');
-    for (std::size_t index = 0; index < size; ++index) {
-        text[2 * index] = digits[bytes[index] >> 4];
-        text[2 * index + 1] = digits[bytes[index] & 0x0F];
+    // By way of a block that stays in the processor's cache, so that the text is written once.
+    std::array<char, 2048> block;
+    std::string text;
+    text.reserve(static_cast<std::size_t>(size) * 2);
+    for (std::size_t at = 0; at < size; at += block.size() / 2) {
+        const std::size_t count = std::min<std::size_t>(block.size() / 2, size - at);
+        write_hex_digits(bytes + at, count, block.data());
+        text.append(block.data(), 2 * count);
     }
     return text;
 }
