@@ -883,18 +883,6 @@ bool comes_true(const CONDITION& condition, std::chrono::seconds limit = std::ch
     return true;
 }
 
-// A thread that has been waited for may be seen a little longer from outside.
-class THREADS_BEFORE {
-public:
-    THREADS_BEFORE() : m_count(count_of_threads()) {}
-    bool are_back() const {
-        return comes_true([this] { return count_of_threads() == m_count; }, std::chrono::seconds(2));
-    }
-
-private:
-    int m_count;
-};
-
 struct FLAGS {
     std::atomic<bool> started{false};
     std::atomic<bool> go_on{false};
@@ -1087,6 +1075,9 @@ TEST(Thread, AScopeOnAnotherThreadDoesNothing) {
 }
 
 TEST(Thread, OneThatSleepsWithoutAScopeIsCancelled) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers lose track of a thread that the system unwinds";
+#endif
     const THREADS_BEFORE threads;
     FLAGS flags;
     const THR_THREAD thread = thr_thread_create(

@@ -12,6 +12,10 @@ void ignore_broken_pipes();
 // Puts back what ignore_broken_pipes replaced.
 void restore_broken_pipes();
 
+// Whether Python can find a standard library of its version with the PYTHONHOME that is set, if one
+// is. Only a certain "no" gives false.
+bool home_may_hold_library();
+
 }  // namespace py_platform
 
 #endif

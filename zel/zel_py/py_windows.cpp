@@ -7,4 +7,9 @@ void ignore_broken_pipes() {}
 
 void restore_broken_pipes() {}
 
+// Here Python looks beside itself and into the registry, too.
+bool home_may_hold_library() {
+    return true;
+}
+
 }  // namespace py_platform

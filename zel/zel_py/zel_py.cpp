@@ -20,17 +20,20 @@ struct SESSION {
 };
 SESSION session;
 
-#if PY_VERSION_HEX >= 0x03080000
-
 // The number of the check in reports.
 constexpr int start_check_line = 61;
 
+[[noreturn]] void cannot_start(const char* reason) {
+    MSG_INTERNAL_ERROR::report_varg("ZEL_PY", "zel/zel_py/zel_py", start_check_line,
+                                    "Python interpreter cannot be started: %s", reason);
+    std::abort();
+}
+
+#if PY_VERSION_HEX >= 0x03080000
+
 void require(const PyStatus& status) {
     if (PyStatus_Exception(status) != 0) {
-        MSG_INTERNAL_ERROR::report_varg("ZEL_PY", "zel/zel_py/zel_py", start_check_line,
-                                        "Python interpreter cannot be started: %s",
-                                        status.err_msg == nullptr ? "no reason" : status.err_msg);
-        std::abort();
+        cannot_start(status.err_msg == nullptr ? "no reason" : status.err_msg);
     }
 }
 
@@ -79,6 +82,12 @@ void start_interpreter() {
 }
 
 #endif
+
+void restore_character_locale() {
+    if (!session.character_locale.empty()) {
+        std::setlocale(LC_CTYPE, session.character_locale.c_str());
+    }
+}
 
 // The three parts of the pending exception, taken out of the interpreter and put in order.
 struct PENDING_ERROR {
@@ -234,7 +243,16 @@ void py_initialize() {
     }
     const char* const locale = std::setlocale(LC_CTYPE, nullptr);
     session.character_locale = locale == nullptr ? "" : locale;
-    start_interpreter();
+    // Python gets over a start that fails half-way in no later one.
+    if (!py_platform::home_may_hold_library()) {
+        cannot_start("PYTHONHOME leads to no standard library of this version");
+    }
+    try {
+        start_interpreter();
+    } catch (...) {
+        restore_character_locale();
+        throw;
+    }
     session.owns_interpreter = true;
     py_platform::ignore_broken_pipes();
 }
@@ -248,9 +266,7 @@ void py_finalize() {
     Py_FinalizeEx();
     session.owns_interpreter = false;
     py_platform::restore_broken_pipes();
-    if (!session.character_locale.empty()) {
-        std::setlocale(LC_CTYPE, session.character_locale.c_str());
-    }
+    restore_character_locale();
 }
 
 bool py_eval(const char* statement) {

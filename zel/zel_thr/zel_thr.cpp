@@ -2,13 +2,10 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <thread>
-
-#if defined(__GLIBCXX__)
-#include <cxxabi.h>
-#endif
 
 #include "zel/zel_thr/thr_platform.h"
 
@@ -72,11 +69,12 @@ void thr_thread_main(THR_THREAD_STATE* state) {
     current_thread = state;
     try {
         state->function(state->argument);
-#if defined(__GLIBCXX__)
-    } catch (abi::__forced_unwind&) {
-        throw;  // the system cancels the thread
-#endif
-    } catch (...) {  // nobody waits for what a thread throws
+    } catch (...) {
+        // Nobody waits for what a thread throws. What is no exception of the language is the system
+        // cancelling the thread.
+        if (std::current_exception() == nullptr) {
+            throw;
+        }
     }
 }
 
