@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <thread>
 
 #include "pgm/pgm_python/bridge_call.h"
@@ -96,6 +97,89 @@ TEST(Endurance, OperationsMayBeCalledOneAfterAnotherFromDifferentThreads) {
         EXPECT_EQ(PGM_PYTHON_MGR::get_username(""), "True");
     }
     EXPECT_EQ(receiver.reports.size(), 40U);
+}
+
+constexpr int many_calls = 5000;
+
+// The references to True and False in a session of the test's own.
+std::vector<Py_ssize_t> references_to_flags() {
+    const INTERPRETER_SESSION session;
+    return {Py_REFCNT(Py_True), Py_REFCNT(Py_False)};
+}
+
+class Readings : public testing::TestWithParam<bool> {};
+
+TEST_P(Readings, FiveThousandWithAFlagLeaveTrueAndFalseAsTheyWere) {
+    const TEST_INSTALLATION installation;
+    installation.common_script(
+        "python/pgm_python_common_function.pyc",
+        "def read_mif(file, continuous): return [bytearray(b'image'), 8, int(continuous)]\n");
+    RECORDING_RECEIVER receiver;
+    std::vector<Py_ssize_t> after_the_first;
+    int right_results = 0;
+    for (int round = 0; round < many_calls; ++round) {
+        unsigned long width = 0;
+        unsigned long depth = 2;
+        unsigned long size = 0;
+        const std::unique_ptr<unsigned char[]> image(
+            PGM_PYTHON_MGR::read_mif("memory.mif", GetParam(), width, depth, size));
+        right_results +=
+            image && size == 5 && image[4] == 'e' && depth == (GetParam() ? 1UL : 0UL) ? 1 : 0;
+        if (round == 0) {
+            after_the_first = references_to_flags();
+        }
+    }
+    EXPECT_EQ(right_results, many_calls);
+    EXPECT_TRUE(receiver.reports.empty());
+#if PY_VERSION_HEX >= 0x030C0000
+    GTEST_SKIP() << "True and False are immortal in this Python: no references to compare";
+#endif
+    EXPECT_EQ(references_to_flags(), after_the_first);
+}
+
+INSTANTIATE_TEST_SUITE_P(Endurance, Readings, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& flag) {
+                             return std::string(flag.param ? "True" : "False");
+                         });
+
+TEST(Endurance, FiveThousandExtractionsGrowTheProcessNoMoreThanBareSessionsDo) {
+    const TEST_INSTALLATION installation;
+    installation.folder().write("common/programmernwfmt/nw.py",
+                                "def get_bram_chunks(*a): return [bytearray(b'x')]\n");
+    RECORDING_RECEIVER receiver;
+    // A key or value of every call that stayed would be 40 MiB.
+    const std::string text(8192, 'x');
+    const std::map<std::string, std::string> map = {{"key " + text, "value " + text}};
+    int right_results = 0;
+    const auto extract = [&] {
+        unsigned long size = 0;
+        PGM_PYTHON_MGR manager;
+        right_results +=
+            manager.get_nwfmt_data("nw.py", "get_bram_chunks", "", map, map, "", map, map, size)
+                        .size() == 1
+                ? 1
+                : 0;
+    };
+    constexpr int first_calls = 50;
+    for (int round = 0; round < first_calls; ++round) {
+        extract();
+    }
+    const PEAK_MEMORY with_sessions;
+    for (int round = 0; round < many_calls; ++round) {
+        const INTERPRETER_SESSION session;
+    }
+    const long long session_growth = with_sessions.growth();
+    const PEAK_MEMORY with_calls;
+    for (int round = 0; round < many_calls; ++round) {
+        extract();
+    }
+    const long long call_growth = with_calls.growth();
+    EXPECT_EQ(right_results, first_calls + many_calls);
+    EXPECT_TRUE(receiver.reports.empty());
+    if (session_growth < 0 || call_growth < 0) {
+        GTEST_SKIP() << "the platform does not tell how the memory in use rises";
+    }
+    EXPECT_LT(call_growth, session_growth + 24 * 1024 * 1024);
 }
 
 }  // namespace

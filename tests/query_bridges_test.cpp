@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <memory>
+
+#include "pgm/pgm_python/interpreter_session.h"
 #include "pgm/pgm_python/pgm_python_mgr.h"
+#include "tests/script_hooks.h"
 #include "tests/support.h"
 
 namespace {
@@ -249,6 +253,308 @@ TEST_F(QueriesDeathTest, WithoutAReceiverATextThatIsNotUtf8Aborts) {
     EXPECT_DEATH(PGM_PYTHON_MGR::get_username("\xFF"),
                  "internal error: pArg != NULL \\[PGM_PYTHON, pgm/pgm_python/pgm_python_mgr, "
                  "line 825\\]\n");
+}
+
+// ---- read_mif
+
+class MemoryReader : public Queries {
+protected:
+    // read_mif does `body` with its arguments in the tuple `a`.
+    void install_body(const std::string& body) {
+        install("import sys\ndef read_mif(*a):\n    " + body + "\n");
+    }
+
+    void install_answer(const std::string& expression) { install_body("return " + expression); }
+
+    // Calls with the numbers preset; `buffer` tells whether there was one.
+    std::string call(const std::string& file = "memory.mif", bool continuous = true) {
+        width = preset_width;
+        depth = preset_depth;
+        size = preset_size;
+        buffer = false;
+        const std::unique_ptr<unsigned char[]> image(
+            PGM_PYTHON_MGR::read_mif(file, continuous, width, depth, size));
+        buffer = image != nullptr;
+        return buffer ? std::string(image.get(), image.get() + size) : "";
+    }
+
+    // What the script sees of an expression of its arguments `a`.
+    std::string seen(const std::string& expression, const std::string& file = "memory.mif",
+                     bool continuous = true) {
+        install_answer("[bytearray(repr(" + expression + ").encode()), 1, 1]");
+        return call(file, continuous);
+    }
+
+    // The last call failed: no buffer, and the numbers as they were.
+    void expect_nothing() const {
+        EXPECT_FALSE(buffer);
+        EXPECT_EQ(width, preset_width);
+        EXPECT_EQ(depth, preset_depth);
+        EXPECT_EQ(size, preset_size);
+    }
+
+    static constexpr unsigned long preset_width = 71;
+    static constexpr unsigned long preset_depth = 72;
+    static constexpr unsigned long preset_size = 73;
+    unsigned long width = preset_width;
+    unsigned long depth = preset_depth;
+    unsigned long size = preset_size;
+    bool buffer = false;
+};
+
+TEST_F(MemoryReader, TheImageComesWithItsWidthDepthAndSize) {
+    install_answer("[bytearray(b'\\0ab\\xff\\0'), 8, 5]");
+    EXPECT_EQ(call(), std::string("\0ab\xFF\0", 5));
+    EXPECT_EQ(width, 8UL);
+    EXPECT_EQ(depth, 5UL);
+    EXPECT_EQ(size, 5UL);
+    EXPECT_TRUE(receiver.reports.empty());
+    before.check();
+}
+
+TEST_F(MemoryReader, AnImageOfNoBytesIsABuffer) {
+    install_answer("[bytearray(b''), 8, 0]");
+    EXPECT_EQ(call(), "");
+    EXPECT_TRUE(buffer);
+    EXPECT_EQ(width, 8UL);
+    EXPECT_EQ(depth, 0UL);
+    EXPECT_EQ(size, 0UL);
+}
+
+TEST_F(MemoryReader, TheScriptGetsTheFileAndTheFlag) {
+    EXPECT_EQ(seen("a", "a b.mif", true), "('a b.mif', True)");
+    EXPECT_EQ(seen("a", "a b.mif", false), "('a b.mif', False)");
+    EXPECT_EQ(seen("a[1] is True"), "True");
+    EXPECT_EQ(seen("a[1] is False", "x", false), "True");
+    EXPECT_EQ(seen("a", ""), "('', True)");
+    EXPECT_EQ(seen("a", std::string("ab\0cd", 5)), "('ab', True)");
+    EXPECT_EQ(seen("ascii(a[0])", "gr\xC3\xBC\xC3\x9F"), "\"'gr\\\\xfc\\\\xdf'\"");
+}
+
+TEST_F(MemoryReader, TheScriptsCommandLineIsItsPathAlone) {
+    EXPECT_EQ(seen("sys.argv"),
+              "['" + installation.common() + "/python/pgm_python_common_function.pyc']");
+}
+
+TEST_F(MemoryReader, WidthAndDepthAre0To0xFFFFFFFF) {
+    struct ROW {
+        const char* given;
+        unsigned long stored;
+    };
+    for (const ROW& row : {ROW{"0", 0}, ROW{"0x7FFFFFFF", 0x7FFFFFFFUL}, ROW{"-1", 0xFFFFFFFFUL},
+                           ROW{"-0x80000000", 0x80000000UL}, ROW{"0x80000000", 0xFFFFFFFFUL},
+                           ROW{"0xFFFFFFFF", 0xFFFFFFFFUL}, ROW{"-0x80000001", 0xFFFFFFFFUL},
+                           ROW{"2 ** 70", 0xFFFFFFFFUL}}) {
+        const std::string given = row.given;
+        install_answer("[bytearray(b'x'), " + given + ", 7]");
+        EXPECT_EQ(call(), "x");
+        EXPECT_EQ(width, row.stored) << given;
+        EXPECT_EQ(depth, 7UL);
+        install_answer("[bytearray(b'x'), 7, " + given + "]");
+        EXPECT_EQ(call(), "x");
+        EXPECT_EQ(width, 7UL);
+        EXPECT_EQ(depth, row.stored) << given;
+    }
+    EXPECT_TRUE(receiver.reports.empty());
+}
+
+TEST_F(MemoryReader, ElementsOfAnotherTypeAreAnEmptyImageAndTheNumber0xFFFFFFFF) {
+    for (const char* other : {"None", "b'x'", "'x'", "[1]", "(1,)", "7.5j", "object()"}) {
+        const std::string element = other;
+        EXPECT_EQ(written_by([&] {
+                      install_answer("[" + element + ", 8, 9]");
+                      EXPECT_EQ(call(), "") << other;
+                      EXPECT_TRUE(buffer);
+                      EXPECT_EQ(size, 0UL);
+                      EXPECT_EQ(width, 8UL);
+                      EXPECT_EQ(depth, 9UL);
+                      install_answer("[bytearray(b'x'), " + element + ", 9]");
+                      EXPECT_EQ(call(), "x");
+                      EXPECT_EQ(width, 0xFFFFFFFFUL) << other;
+                      EXPECT_EQ(depth, 9UL);
+                      install_answer("[bytearray(b'x'), 8, " + element + "]");
+                      EXPECT_EQ(call(), "x");
+                      EXPECT_EQ(width, 8UL);
+                      EXPECT_EQ(depth, 0xFFFFFFFFUL) << other;
+                  }),
+                  "");
+    }
+    EXPECT_TRUE(receiver.reports.empty());
+    before.check();
+}
+
+TEST_F(MemoryReader, SubclassesOfListAndBytearrayCount) {
+    install(
+        "class Answer(list): pass\n"
+        "class Image(bytearray): pass\n"
+        "def read_mif(*a): return Answer([Image(b'ab'), True, 2])\n");
+    EXPECT_EQ(call(), "ab");
+    EXPECT_EQ(width, 1UL);
+    EXPECT_EQ(depth, 2UL);
+}
+
+TEST_F(MemoryReader, AnElementThatEmptiesTheListAsItIsReadDoesNoHarm) {
+    install(
+        "answer = []\n"
+        "others = []\n"
+        "class Width:\n"
+        "    def __index__(self):\n"
+        "        answer.clear()\n"
+        // What the list held is gone, and its memory in use again.
+        "        others.extend(int(str(90000000 + n)) for n in range(500))\n"
+        "        return 8\n"
+        "    __int__ = __index__\n"
+        "def read_mif(*a):\n"
+        "    answer.extend([bytearray(b'x'), Width(), int('12345678')])\n"
+        "    return answer\n");
+    EXPECT_EQ(call(), "x");
+    EXPECT_EQ(width, 8UL);
+    EXPECT_EQ(depth, 12345678UL);
+    before.check();
+}
+
+TEST_F(MemoryReader, AnAnswerThatIsNoListOfThreeIsAnInternalError) {
+    for (const char* answer :
+         {"[]", "[bytearray(b'x'), 1]", "[bytearray(b'x'), 1, 2, 3]", "(bytearray(b'x'), 1, 2)",
+          "None", "b'xyz'", "'xyz'", "bytearray(b'xyz')", "3", "3.0", "{}", "object()"}) {
+        install_answer(answer);
+        EXPECT_EQ(thrown_by([&] { call(); }), internal_error("return_size == 3", 676)) << answer;
+        expect_nothing();
+        before.check();
+    }
+    install_answer("[bytearray(b'x'), 1, 2]");
+    EXPECT_EQ(call(), "x");
+}
+
+TEST_F(MemoryReader, AMissingNumberIsAnInternalErrorAndAMissingImageIsEmpty) {
+    install(
+        "import test_hooks\n"
+        "def read_mif(file, continuous): return test_hooks.unfinished(eval(file))\n");
+    offer_script_hooks();
+    EXPECT_EQ(thrown_by([&] { call("[bytearray(b'x'), None, 9]"); }),
+              internal_error("width_object != NULL", 682));
+    expect_nothing();
+    before.check();
+    offer_script_hooks();
+    EXPECT_EQ(thrown_by([&] { call("[bytearray(b'x'), 8, None]"); }),
+              internal_error("depth_object != NULL", 685));
+    expect_nothing();
+    before.check();
+    offer_script_hooks();
+    EXPECT_EQ(thrown_by([&] { call("[None, None, None]"); }),
+              internal_error("width_object != NULL", 682));
+    expect_nothing();
+    offer_script_hooks();
+    EXPECT_EQ(call("[None, 8, 9]"), "");
+    EXPECT_TRUE(buffer);
+    EXPECT_EQ(size, 0UL);
+    EXPECT_EQ(width, 8UL);
+    before.check();
+}
+
+TEST_F(MemoryReader, ACallThatRaisesPostsOneMessageAndLeavesTheNumbers) {
+    install_body("raise ValueError('in call')");
+    struct LOOKER : RECORDING_RECEIVER {
+        void post(unsigned long number, const std::string& text) override {
+            EXPECT_TRUE(interpreter_is_running());
+            EXPECT_TRUE(port_is_free());
+            RECORDING_RECEIVER::post(number, text);
+        }
+    } looker;
+    EXPECT_EQ(written_by([&] { call(); }), "");
+    expect_nothing();
+    EXPECT_EQ(looker.reports, call_failure("read_mif"));
+    install_body("sys.exit(0)");
+    looker.reports.clear();
+    EXPECT_EQ(written_by([&] { call(); }), "");
+    expect_nothing();
+    EXPECT_EQ(looker.reports, call_failure("read_mif"));
+    before.check();
+}
+
+TEST_F(MemoryReader, AScriptThatCannotBeLoadedLeavesTheNumbers) {
+    install("raise ValueError('at import')\n");
+    const std::string text = written_by([&] { call(); });
+    EXPECT_NE(text.find("ValueError: at import\n"), std::string::npos) << text;
+    expect_nothing();
+    install("");
+    const std::string other = written_by([&] { call(); });
+    EXPECT_NE(other.find("AttributeError"), std::string::npos) << other;
+    expect_nothing();
+    EXPECT_EQ(receiver.reports, (REPORTS{"error: Fail to load module pgm_python_common_function",
+                                         "error: Fail to find function read_mif"}));
+    before.check();
+}
+
+TEST_F(MemoryReader, AMissingScriptIsAnInternalErrorAndTheNextCallWorks) {
+    EXPECT_EQ(thrown_by([&] { call("\xFF"); }),
+              internal_error("Python script " + installation.common() +
+                                 "/python/pgm_python_common_function.pyc doest not exist",
+                             663));
+    expect_nothing();
+    before.check();
+    install_answer("[bytearray(b'x'), 1, 2]");
+    EXPECT_EQ(call(), "x");
+}
+
+TEST_F(MemoryReader, AFileNameThatIsNotUtf8IsAnInternalErrorAndTheNextCallWorks) {
+    install_answer("[bytearray(b'x'), 1, 2]");
+    for (const bool continuous : {true, false}) {
+        EXPECT_EQ(thrown_by([&] { call("\xFF", continuous); }),
+                  internal_error("pArg != NULL", 669));
+        expect_nothing();
+        before.check();
+        EXPECT_EQ(call("x", continuous), "x");
+    }
+}
+
+TEST_F(MemoryReader, NoListenerIsStarted) {
+    install(std::string(send_function) +
+            "def read_mif(*a):\n"
+            "    try:\n"
+            "        send(b'unheard')\n"
+            "    except OSError:\n"
+            "        return [bytearray(b'nobody listens'), 1, 1]\n");
+    EXPECT_EQ(call(), "nobody listens");
+}
+
+// The references to True and False in a session of the test's own.
+std::vector<Py_ssize_t> references_to_flags() {
+    const INTERPRETER_SESSION session;
+    return {Py_REFCNT(Py_True), Py_REFCNT(Py_False)};
+}
+
+TEST_F(MemoryReader, TheReferencesToTheFlagsAreTheSameAfterEveryCall) {
+#if PY_VERSION_HEX >= 0x030C0000
+    GTEST_SKIP() << "True and False are immortal in this Python";
+#endif
+    install_answer("[bytearray(b'x'), 1, 2]");
+    for (const bool continuous : {true, false}) {
+        call("x", continuous);
+        const std::vector<Py_ssize_t> first = references_to_flags();
+        for (int round = 0; round < 20; ++round) {
+            call("x", continuous);
+        }
+        EXPECT_EQ(references_to_flags(), first);
+        install_body("raise ValueError");
+        call("x", continuous);
+        EXPECT_EQ(references_to_flags(), first);
+        thrown_by([&] {
+            install_answer("[]");
+            call("x", continuous);
+        });
+        EXPECT_EQ(references_to_flags(), first);
+        install_answer("[bytearray(b'x'), 1, 2]");
+    }
+}
+
+typedef MemoryReader MemoryReaderDeathTest;
+
+TEST_F(MemoryReaderDeathTest, WithoutAReceiverAMissingScriptAborts) {
+    MSG_RECEIVER::set(nullptr);
+    EXPECT_DEATH(call(),
+                 "/python/pgm_python_common_function.pyc doest not exist \\[PGM_PYTHON, "
+                 "pgm/pgm_python/pgm_python_mgr, line 663\\]\n");
 }
 
 }  // namespace

@@ -78,12 +78,12 @@ TEST_F(Runner, OnlyTheFirstCommandIsRun) {
 
 TEST_F(Runner, ACommandSeesTheSuitesFoldersButNoArguments) {
     EXPECT_TRUE(run({"-c",
-                     "import os, sys\nprint(sys.path[:3], getattr(sys, 'argv', ['']))\n"
+                     "import os, sys\nprint(sys.path[:3], getattr(sys, 'argv', [])[1:])\n"
                      "print(os.environ['PGM_PYTHON_BIN_DIR'])",
                      "further"}));
     EXPECT_EQ(output, "['" + installation.unshipped() + "/python/source', '" +
                           installation.common() + "/python/source', '" + installation.common() +
-                          "/python'] ['']\n" + installation.bin() + "\n");
+                          "/python'] []\n" + installation.bin() + "\n");
 }
 
 TEST_F(Runner, ACommandHasNoBackChannel) {

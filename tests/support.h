@@ -137,6 +137,32 @@ bool interpreter_is_running();
 int count_of_threads();
 int count_of_open_handles();
 
+// How far the memory in use has risen at its peak since construction. Where the platform cannot
+// begin a peak anew, only the first of a process tells.
+class PEAK_MEMORY {
+public:
+    PEAK_MEMORY();
+
+    // In bytes; negative where the platform does not tell.
+    long long growth() const;
+
+private:
+    long long m_before;
+};
+
+// The threads that the process had when the object was made.
+class THREADS_BEFORE {
+public:
+    THREADS_BEFORE();
+
+    // Whether there are no more than those now. One that has been waited for may be seen a
+    // little longer from outside, so this waits for up to two seconds.
+    bool are_back() const;
+
+private:
+    int m_count;
+};
+
 // Whether another program could listen on the back channel's port now.
 bool port_is_free();
 
@@ -192,7 +218,7 @@ public:
     void check() const;
 
 private:
-    int m_threads;
+    THREADS_BEFORE m_threads;
 };
 
 #endif

@@ -12,6 +12,7 @@ namespace {
 typedef int __cdecl OPEN_OSFHANDLE(std::intptr_t handle, int flags);
 typedef int __cdecl DUP2(int from, int to);
 typedef int __cdecl CLOSE(int descriptor);
+typedef int __cdecl FFLUSH(void* stream);
 
 template <typename FUNCTION>
 FUNCTION* of_pythons_runtime(const char* name) {
@@ -23,6 +24,7 @@ void redirect_python(int descriptor) {
     const HANDLE process = ::GetCurrentProcess();
     const HANDLE handle = reinterpret_cast<HANDLE>(::_get_osfhandle(descriptor));
     HANDLE copy = nullptr;
+    of_pythons_runtime<FFLUSH>("fflush")(nullptr);
     if (::DuplicateHandle(process, handle, process, &copy, 0, TRUE, DUPLICATE_SAME_ACCESS) != 0) {
         const int opened = of_pythons_runtime<OPEN_OSFHANDLE>("_open_osfhandle")(
             reinterpret_cast<std::intptr_t>(copy), _O_BINARY);

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <thread>
 
 #include "tests/support.h"
@@ -31,6 +32,20 @@ int count_entries(const char* folder) {
         ++count;
     }
     return count;
+}
+
+// A value of the process's status in bytes; negative when it is not there.
+long long status_value(const std::string& name) {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    while (status >> word) {
+        if (word == name) {
+            long long kilobytes = 0;
+            status >> kilobytes;
+            return kilobytes * 1024;
+        }
+    }
+    return -1;
 }
 
 int new_socket() {
@@ -85,6 +100,21 @@ int count_of_threads() {
 
 int count_of_open_handles() {
     return count_entries("/proc/self/fd");
+}
+
+// The sanitizers keep memory of their own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+PEAK_MEMORY::PEAK_MEMORY() : m_before(-1) {}
+#else
+PEAK_MEMORY::PEAK_MEMORY() {
+    constexpr char begin_anew = '5';
+    std::ofstream references("/proc/self/clear_refs");
+    m_before = (references << begin_anew << std::flush) ? status_value("VmRSS:") : -1;
+}
+#endif
+
+long long PEAK_MEMORY::growth() const {
+    return m_before < 0 ? -1 : status_value("VmHWM:") - m_before;
 }
 
 bool port_is_free() {

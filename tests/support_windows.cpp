@@ -2,6 +2,7 @@
 #include <windows.h>
 
 #include <io.h>
+#include <psapi.h>
 #include <tlhelp32.h>
 #include <ws2tcpip.h>
 
@@ -183,6 +184,21 @@ int count_of_threads() {
 int count_of_open_handles() {
     DWORD count = 0;
     return ::GetProcessHandleCount(::GetCurrentProcess(), &count) ? static_cast<int>(count) : -1;
+}
+
+PEAK_MEMORY::PEAK_MEMORY() {
+    constexpr SIZE_T risen_before = 16 * 1024 * 1024;
+    PROCESS_MEMORY_COUNTERS counters = {};
+    const bool known =
+        ::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof counters) != 0 &&
+        counters.PeakWorkingSetSize < counters.WorkingSetSize + risen_before;
+    m_before = known ? static_cast<long long>(counters.WorkingSetSize) : -1;
+}
+
+long long PEAK_MEMORY::growth() const {
+    PROCESS_MEMORY_COUNTERS counters = {};
+    ::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof counters);
+    return m_before < 0 ? -1 : static_cast<long long>(counters.PeakWorkingSetSize) - m_before;
 }
 
 bool port_is_free() {

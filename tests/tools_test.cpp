@@ -286,6 +286,9 @@ TEST(CallTool, KnowsCodesWithTheHighestBit) {
 TEST(CallTool, TellsTheNameOfAUser) {
     // The fifth field of the user's row, up to a comma; the account's name when it is empty.
     std::ifstream users("/etc/passwd");
+    if (!users) {
+        GTEST_SKIP() << "there is no /etc/passwd here";
+    }
     std::string row;
     while (std::getline(users, row) && !starts_with(row, "root:")) {
     }
@@ -388,9 +391,11 @@ TEST(CallTool, HasASubcommandForEachOperation) {
     ASSERT_EQ(operations.count("query_opn_name"), 1U);
 
     const std::string help = call({"--help"}).output;
-    std::istringstream lines(help.substr(help.find("Subcommands:\n")));
+    const std::size_t list = help.find("Subcommands:\n");
+    ASSERT_NE(list, std::string::npos) << help;
+    std::istringstream lines(help.substr(list));
     std::set<std::string> subcommands;
-    const std::regex row("  (\\w+) .*");
+    const std::regex row("  (\\w+)( .*)?");
     std::smatch name;
     for (std::string line; std::getline(lines, line);) {
         if (std::regex_match(line, name, row)) {

@@ -156,7 +156,9 @@ WIDE_ARGUMENT_VECTOR::~WIDE_ARGUMENT_VECTOR() {
 
 void WIDE_ARGUMENT_VECTOR::set(const std::string& script,
                                const std::vector<std::string>& script_arguments) {
-    m_arguments = PGM_PYTHON_MGR::convert_char_to_wchar_t(script, script_arguments, m_count);
+    int count = 0;
+    m_arguments = PGM_PYTHON_MGR::convert_char_to_wchar_t(script, script_arguments, count);
+    m_count = count;
     set_interpreter_arguments(m_count, m_arguments);
 }
 

@@ -71,13 +71,14 @@ unsigned char* PGM_PYTHON_MGR::read_mif(std::string file, bool continuous, unsig
         require(PyList_Check(result) != 0 && PyList_Size(result) == 3, {"return_size == 3", 676});
         const BYTES bytes = bytes_of_bytearray(PyList_GET_ITEM(result, 0));
         std::unique_ptr<unsigned char[]> copy = copy_of(bytes);
-        PyObject* const width_object = PyList_GET_ITEM(result, 1);
-        require(width_object != nullptr, {"width_object != NULL", 682});
-        PyObject* const depth_object = PyList_GET_ITEM(result, 2);
-        require(depth_object != nullptr, {"depth_object != NULL", 685});
+        // Owned, because reading a number may run code of the script, which may change the list.
+        const PY_REFERENCE width_object = PY_REFERENCE::borrowed(PyList_GET_ITEM(result, 1));
+        require(static_cast<bool>(width_object), {"width_object != NULL", 682});
+        const PY_REFERENCE depth_object = PY_REFERENCE::borrowed(PyList_GET_ITEM(result, 2));
+        require(static_cast<bool>(depth_object), {"depth_object != NULL", 685});
         size = static_cast<unsigned long>(bytes.size);
-        width = number_of_int(width_object);
-        depth = number_of_int(depth_object);
+        width = number_of_int(width_object.get());
+        depth = number_of_int(depth_object.get());
         image = std::move(copy);
         return true;
     });
