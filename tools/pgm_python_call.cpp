@@ -9,6 +9,7 @@
 
 int main(int argc, char** argv) {
     return run_tool([&] {
+        TOOL_ARGUMENTS arguments(argc, argv);
         CLI::App app("Call one operation of pgm_python.");
         app.require_subcommand(1);
         int status = TOOL_SUCCESS;
@@ -16,7 +17,7 @@ int main(int argc, char** argv) {
         add_security_commands(app, status);
         add_data_commands(app, status);
         try {
-            app.parse(argc, argv);
+            app.parse(arguments.count(), arguments.values());
         } catch (const CLI::ParseError& error) {
             return app.exit(error) == 0 ? static_cast<int>(TOOL_SUCCESS)
                                         : static_cast<int>(TOOL_BAD_USAGE);

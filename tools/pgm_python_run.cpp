@@ -9,7 +9,9 @@
 
 int main(int argc, char** argv) {
     return run_tool([&] {
-        const char** const arguments = const_cast<const char**>(argv + 1);
-        return PGM_PYTHON_MGR::run_python_file(argc - 1, arguments) ? TOOL_SUCCESS : TOOL_FAILURE;
+        TOOL_ARGUMENTS arguments(argc, argv);
+        return PGM_PYTHON_MGR::run_python_file(arguments.count() - 1, arguments.values() + 1)
+                   ? TOOL_SUCCESS
+                   : TOOL_FAILURE;
     });
 }

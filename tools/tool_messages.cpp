@@ -1,10 +1,10 @@
 #include "tools/tool_messages.h"
 
-#include <clocale>
 #include <exception>
 #include <iostream>
 #include <string>
 
+#include "tools/tool_platform.h"
 #include "zel/zel_msg/zel_msg.h"
 
 namespace {
@@ -33,9 +33,16 @@ TOOL_RECEIVER receiver;
 
 }  // namespace
 
+TOOL_ARGUMENTS::TOOL_ARGUMENTS(int argc, char** argv)
+    : m_texts(tool_platform::command_line(argc, argv)) {
+    for (const std::string& text : m_texts) {
+        m_values.push_back(text.c_str());
+    }
+    m_values.push_back(nullptr);
+}
+
 int run_tool(const std::function<int()>& work) {
-    // Paths and arguments are converted in the process's locale.
-    std::setlocale(LC_ALL, "");
+    tool_platform::set_locale();
     MSG_RECEIVER::set(&receiver);
     int status = TOOL_INTERNAL_ERROR;
     try {

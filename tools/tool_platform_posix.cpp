@@ -1,0 +1,15 @@
+#include <clocale>
+
+#include "tools/tool_platform.h"
+
+namespace tool_platform {
+
+std::vector<std::string> command_line(int argc, char** argv) {
+    return std::vector<std::string>(argv, argv + argc);
+}
+
+void set_locale() {
+    std::setlocale(LC_ALL, "");
+}
+
+}  // namespace tool_platform
