@@ -3,7 +3,11 @@
 add_library(pgm_python_options INTERFACE)
 target_include_directories(pgm_python_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(MSVC)
-  target_compile_options(pgm_python_options INTERFACE /W4 $<$<BOOL:${PGM_PYTHON_WARNINGS_AS_ERRORS}>:/WX>)
+  # An exported class with a text in it (4251) needs the same runtime library on both sides, anyway.
+  target_compile_options(
+    pgm_python_options INTERFACE /W4 /wd4251 /utf-8 /permissive-
+                                 $<$<BOOL:${PGM_PYTHON_WARNINGS_AS_ERRORS}>:/WX>)
+  target_compile_definitions(pgm_python_options INTERFACE _CRT_SECURE_NO_WARNINGS)
 else()
   target_compile_options(
     pgm_python_options

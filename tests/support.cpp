@@ -165,8 +165,10 @@ bool interpreter_is_running() {
 }
 
 THREADS_BEFORE::THREADS_BEFORE() {
-    // A sanitizer's own thread comes with the first one of the process.
+    // A sanitizer's own thread comes with the first one of the process, the test framework's with
+    // the first trace.
     static const bool first_thread_has_been = [] {
+        SCOPED_TRACE("first");
         std::thread([] {}).join();
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         return true;
