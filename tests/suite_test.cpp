@@ -258,13 +258,13 @@ TEST(DefaultReports, PostingKeepsTheMessage) {
 }
 
 TEST(DefaultReports, LinesOfSeveralThreadsDoNotMix) {
-    constexpr int lines_of_a_thread = 300;
+    constexpr int lines_of_a_thread = 3000;
     const std::string output = written_by([] {
         std::vector<std::thread> threads;
         for (char letter = 'a'; letter < 'e'; ++letter) {
             threads.emplace_back([letter] {
                 for (int line = 0; line < lines_of_a_thread; ++line) {
-                    msg_line(MSG_TYPE_ERROR, std::string(2000, letter));
+                    msg_line(MSG_TYPE_ERROR, std::string(200, letter));
                 }
             });
         }
@@ -277,8 +277,8 @@ TEST(DefaultReports, LinesOfSeveralThreadsDoNotMix) {
     int count = 0;
     while (std::getline(lines, line)) {
         ++count;
-        ASSERT_EQ(line.size(), 2007U);
-        ASSERT_EQ(line, "error: " + std::string(2000, line.back()));
+        ASSERT_EQ(line.size(), 207U);
+        ASSERT_EQ(line, "error: " + std::string(200, line.back()));
     }
     EXPECT_EQ(count, 4 * lines_of_a_thread);
 }
@@ -749,6 +749,21 @@ TEST(HexText, EveryByteHasTwoUpperCaseDigits) {
 
 TEST(HexText, TheBytesKeepTheirOrderWithNothingBetweenThem) {
     EXPECT_EQ(hex({0xDE, 0xAD, 0x00, 0x0F, 0xF0}), "DEAD000FF0");
+}
+
+TEST(HexText, MayHaveAnySizeAndStartAnywhere) {
+    std::vector<unsigned char> bytes(100);
+    std::iota(bytes.begin(), bytes.end(), static_cast<unsigned char>(0x70));
+    const std::string whole = hex(bytes);
+    for (std::size_t start = 0; start < 20; ++start) {
+        for (std::size_t size = 0; start + size <= bytes.size(); ++size) {
+            const std::vector<unsigned char> part(bytes.data() + start, bytes.data() + start + size);
+            ASSERT_EQ(hex(part), whole.substr(2 * start, 2 * size));
+            ASSERT_EQ(PGM_COMMON::convert_byte_array_to_standard_hex_string(
+                          bytes.data() + start, static_cast<unsigned long>(size), true, false),
+                      whole.substr(2 * start, 2 * size));
+        }
+    }
 }
 
 TEST(HexText, OfNothingIsEmpty) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -9,6 +10,23 @@
 
 #include "zel/zel_py/py_reference.h"
 #include "zel/zel_py/zel_py.h"
+
+namespace {
+
+void refuse_exit_of_a_test() {
+    if (testing::UnitTest::GetInstance()->current_test_info() != nullptr) {
+        std::fputs("the process ends in the midst of a test\n", stderr);
+        std::_Exit(1);
+    }
+}
+
+// A script that ends the process with status 0 must not pass for a test that has succeeded.
+[[maybe_unused]] const bool exits_are_watched = [] {
+    testing::UnitTest::GetInstance();  // must outlive the watch
+    return std::atexit(refuse_exit_of_a_test) == 0;
+}();
+
+}  // namespace
 
 RECORDING_RECEIVER::RECORDING_RECEIVER() : m_before(MSG_RECEIVER::set(this)) {}
 

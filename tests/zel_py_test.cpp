@@ -371,6 +371,20 @@ TEST_F(PyPrintError, APendingExceptionIsPrintedAndCleared) {
               "ValueError\n");
 }
 
+TEST_F(PyPrintError, AnExcepthookGetsTheExceptionItself) {
+    const SESSION session;
+    EXPECT_TRUE(
+        py_eval("import sys\n"
+                "def hook(kind, value, trace):\n"
+                "    sys.stderr.write('%s %s %s' % (type(value) is kind, value.args, trace))\n"
+                "sys.excepthook = hook"));
+    EXPECT_EQ(written_by([] {
+                  PyErr_SetString(PyExc_ValueError, "a bad value");
+                  py_print_error();
+              }),
+              "True ('a bad value',) None");
+}
+
 TEST_F(PyPrintError, APendingExitIsPrintedLikeAnyOther) {
     const SESSION session;
     EXPECT_TRUE(py_eval("import sys\nsys.excepthook = lambda *all: sys.stderr.write('hook')"));
@@ -1017,7 +1031,7 @@ TEST_F(HomeLeadsNowhereDeathTest, WhereThePathsLeadCountsToo) {
             py_initialize();
             const bool found = py_eval("import json");
             py_finalize();
-            std::exit(found ? 0 : 1);
+            std::_Exit(found ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 }
@@ -1048,7 +1062,7 @@ TEST_F(StartDeathTest, OneThatPythonGivesUpIsAnInternalErrorAndGivesBackTheLocal
                                   receiver.reports == std::vector<std::string>{thrown} &&
                                   !interpreter_is_running() &&
                                   std::string(std::setlocale(LC_CTYPE, nullptr)) == "C";
-            std::exit(expected ? 0 : 1);
+            std::_Exit(expected ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 #endif
