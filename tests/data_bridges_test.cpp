@@ -6,6 +6,7 @@
 #include "pgm/pgm_python/pgm_python_mgr.h"
 #include "tests/script_hooks.h"
 #include "tests/support.h"
+#include "zel/zel_py/py_reference.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ protected:
 
     std::string notes() const { return installation.folder().read("notes"); }
 
-    // The road's own line and the message of a failed call.
+    // The message of a failed call that gave no reasons.
     static REPORTS call_failure(const std::string& function, const std::string& module) {
         return {"error 20351: Fail to execute function " + function + " in file " + module};
     }
@@ -130,7 +131,10 @@ protected:
     }
 
     void install(const std::string& source, const std::string& name = "nw.py") {
-        installation.folder().write("common/programmernwfmt/" + name, source);
+        const std::string file =
+            installation.folder().write("common/programmernwfmt/" + name, source);
+        // Compiled code kept from a source of the same size and second would be taken for this one.
+        std::filesystem::remove_all(std::filesystem::u8path(file).parent_path() / "__pycache__");
     }
 
     // The four functions all do `body` with their arguments in the tuple `a`.
@@ -253,6 +257,12 @@ TEST_F(NetworkFormat, ASizeThatIsNoNumberIsStoredAs0xFFFFFFFF) {
         EXPECT_EQ(size_out, 0xFFFFFFFFUL) << size;
     }
     EXPECT_TRUE(receiver.reports.empty());
+}
+
+TEST_F(NetworkFormat, AFloatIsASizeOnlyWherePythonCutsItToANumber) {
+    install_answer("[bytearray(b'h'), 7.5]");
+    EXPECT_EQ(written_by([&] { EXPECT_EQ(call(REQUEST("get_bram_hash_and_size")), "h"); }), "");
+    EXPECT_EQ(size_out, PY_VERSION_HEX < 0x030A0000 ? 7UL : 0xFFFFFFFFUL);
 }
 
 TEST_F(NetworkFormat, AHashAnswerThatIsNoListOfTwoIsAnInternalError) {

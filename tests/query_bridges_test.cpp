@@ -383,6 +383,14 @@ TEST_F(MemoryReader, ElementsOfAnotherTypeAreAnEmptyImageAndTheNumber0xFFFFFFFF)
     before.check();
 }
 
+TEST_F(MemoryReader, AFloatIsANumberOnlyWherePythonCutsItToOne) {
+    constexpr unsigned long expected = PY_VERSION_HEX < 0x030A0000 ? 7 : 0xFFFFFFFFUL;
+    install_answer("[bytearray(b'x'), 7.5, 7.5]");
+    EXPECT_EQ(written_by([&] { EXPECT_EQ(call(), "x"); }), "");
+    EXPECT_EQ(width, expected);
+    EXPECT_EQ(depth, expected);
+}
+
 TEST_F(MemoryReader, SubclassesOfListAndBytearrayCount) {
     install(
         "class Answer(list): pass\n"

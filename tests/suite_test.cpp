@@ -286,9 +286,9 @@ TEST(DefaultReports, LinesOfSeveralThreadsDoNotMix) {
 TEST(DefaultReportsDeathTest, AnInternalErrorIsPrintedAndTheProcessAborts) {
     EXPECT_DEATH(MSG_INTERNAL_ERROR::report("list_size == 2", "PGM_PYTHON", "pgm/a/b", 1781),
                  "^internal error: list_size == 2 \\[PGM_PYTHON, pgm/a/b, line 1781\\]\\s+$");
-    EXPECT_DEATH(MSG_INTERNAL_ERROR::report_varg("ZEL_X", "zel/x", 7, "Python script %s: %d", "a%sb",
-                                                 3),
-                 "^internal error: Python script a%sb: 3 \\[ZEL_X, zel/x, line 7\\]\\s+$");
+    EXPECT_DEATH(
+        MSG_INTERNAL_ERROR::report_varg("ZEL_X", "zel/x", 7, "Python script %s: %d", "a%sb", 3),
+        "^internal error: Python script a%sb: 3 \\[ZEL_X, zel/x, line 7\\]\\s+$");
 }
 
 TEST(Receiver, GetsEveryReportInsteadOfStandardError) {
@@ -305,11 +305,10 @@ TEST(Receiver, GetsEveryReportInsteadOfStandardError) {
                             "internal error: 100% [M, s/t, line 13]");
               }),
               "");
-    EXPECT_EQ(receiver.reports,
-              (TEXTS{"error: one", "error: Fail to find function f",
-                     "error 20354: Fail to execute file x.py",
-                     "internal error: c [M, s/t, line 12]",
-                     "internal error: 100% [M, s/t, line 13]"}));
+    EXPECT_EQ(receiver.reports, (TEXTS{"error: one", "error: Fail to find function f",
+                                       "error 20354: Fail to execute file x.py",
+                                       "internal error: c [M, s/t, line 12]",
+                                       "internal error: 100% [M, s/t, line 13]"}));
 }
 
 TEST(Receiver, AnExplanationHasAnyLength) {
@@ -587,8 +586,7 @@ TEST(Path, IsTakenApartAtItsLastSeparator) {
 
 TEST(Path, ARootIsItsOwnFolder) {
     const TEMPORARY_FOLDER folder;
-    const std::string root =
-        std::filesystem::u8path(folder.path()).root_path().generic_u8string();
+    const std::string root = std::filesystem::u8path(folder.path()).root_path().generic_u8string();
     ASSERT_EQ(root.back(), '/');
     for (const std::string& text : {root, root + ".", root + "/", root + "././/."}) {
         FIO_PATH path(text);
@@ -711,9 +709,8 @@ TEST(Extension, ItsPlaceInAListIsCountedFromOne) {
 
 TEST(Extension, IsNotInAListThatDoesNotNameItWhole) {
     const TEXTS scripts = {".py", ".pyc"};
-    for (const char* const file :
-         {"tool.txt", "tool", "", "b.", "tool.p", "tool.pyw", "tool.pycc", "tool.py ", "x.py/tool",
-          "py", "toolpy", "tool.pyc.bak"}) {
+    for (const char* const file : {"tool.txt", "tool", "", "b.", "tool.p", "tool.pyw", "tool.pycc",
+                                   "tool.py ", "x.py/tool", "py", "toolpy", "tool.pyc.bak"}) {
         EXPECT_EQ(PGM_COMMON::match_extension(file, scripts), 0) << file;
     }
     EXPECT_EQ(PGM_COMMON::match_extension("tool.py", {}), 0);
@@ -757,7 +754,8 @@ TEST(HexText, MayHaveAnySizeAndStartAnywhere) {
     const std::string whole = hex(bytes);
     for (std::size_t start = 0; start < 20; ++start) {
         for (std::size_t size = 0; start + size <= bytes.size(); ++size) {
-            const std::vector<unsigned char> part(bytes.data() + start, bytes.data() + start + size);
+            const std::vector<unsigned char> part(bytes.data() + start,
+                                                  bytes.data() + start + size);
             ASSERT_EQ(hex(part), whole.substr(2 * start, 2 * size));
             ASSERT_EQ(PGM_COMMON::convert_byte_array_to_standard_hex_string(
                           bytes.data() + start, static_cast<unsigned long>(size), true, false),
@@ -845,7 +843,9 @@ TEST(Split, ALimitLeavesTheRestInTheLastPiece) {
     EXPECT_EQ(split(",,a,b", ",", false, 1), (TEXTS{"", ",a,b"}));
 }
 
-TEST(Split, AnEmptyDelimiterPartsNothing) { EXPECT_EQ(split("a b", ""), TEXTS{"a b"}); }
+TEST(Split, AnEmptyDelimiterPartsNothing) {
+    EXPECT_EQ(split("a b", ""), TEXTS{"a b"});
+}
 
 TEST(Split, MayGiveManyPieces) {
     std::string text;
@@ -863,7 +863,8 @@ TEST(PrintMsg, FillsAsPrintfDoes) {
     RECORDING_RECEIVER receiver;
     PGM_COMMON_MSG::print_msg(3, 0, "%s of %d%%", "100%s", 7);
     PGM_COMMON_MSG::print_msg(3, 0, "%s", std::string(100000, 'x').c_str());
-    EXPECT_EQ(receiver.reports, (TEXTS{"error: 100%s of 7%", "error: " + std::string(100000, 'x')}));
+    EXPECT_EQ(receiver.reports,
+              (TEXTS{"error: 100%s of 7%", "error: " + std::string(100000, 'x')}));
 }
 
 class TYPE_NOTING_RECEIVER : public MSG_RECEIVER {

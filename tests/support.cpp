@@ -105,7 +105,9 @@ CURRENT_FOLDER::CURRENT_FOLDER(const std::string& folder)
     std::filesystem::current_path(std::filesystem::u8path(folder));
 }
 
-CURRENT_FOLDER::~CURRENT_FOLDER() { std::filesystem::current_path(m_before); }
+CURRENT_FOLDER::~CURRENT_FOLDER() {
+    std::filesystem::current_path(m_before);
+}
 
 std::string written_by(const std::function<void()>& action) {
     testing::internal::CaptureStderr();
@@ -129,6 +131,8 @@ std::string install(const TEMPORARY_FOLDER& folder, const std::string& name,
                     const std::string& source) {
     const bool compiled = name.size() > 4 && name.compare(name.size() - 4, 4, ".pyc") == 0;
     const std::string file = folder.write(name, compiled ? "" : source);
+    // Compiled code kept from a source of the same size and second would be taken for this one.
+    std::filesystem::remove_all(std::filesystem::u8path(file).parent_path() / "__pycache__");
     if (compiled) {
         write_compiled(file, source);
     }

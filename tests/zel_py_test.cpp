@@ -114,11 +114,12 @@ TEST_F(PyEval, AStatementThatRunsToItsEndGivesTrue) {
 
 TEST_F(PyEval, SeveralStatementsRunInOrder) {
     const SESSION session;
-    EXPECT_TRUE(py_eval("text = 'a'\n"
-                        "for letter in 'bc':\n"
-                        "    text += letter\n"
-                        "\n"
-                        "text += 'd'; text += 'e'"));
+    EXPECT_TRUE(
+        py_eval("text = 'a'\n"
+                "for letter in 'bc':\n"
+                "    text += letter\n"
+                "\n"
+                "text += 'd'; text += 'e'"));
     EXPECT_EQ(text_of("text"), "abcde");
 }
 
@@ -660,10 +661,13 @@ TEST_F(PySourceWithArgs, AnExceptionIsPrintedWithTheScriptsOwnLines) {
     const TEMPORARY_FOLDER folder;
     const std::string file = folder.write("bad.py", "x = 1\nraise ValueError('a bad value')\n");
     const SESSION session;
-    EXPECT_EQ(failure_of_file(file), "Traceback (most recent call last):\n"
-                                     "  File \"" + file + "\", line 2, in <module>\n"
-                                     "    raise ValueError('a bad value')\n"
-                                     "ValueError: a bad value\n");
+    EXPECT_EQ(failure_of_file(file),
+              "Traceback (most recent call last):\n"
+              "  File \"" +
+                  file +
+                  "\", line 2, in <module>\n"
+                  "    raise ValueError('a bad value')\n"
+                  "ValueError: a bad value\n");
     EXPECT_EQ(text_of("x"), "1");
 }
 
@@ -672,9 +676,9 @@ TEST_F(PySourceWithArgs, AnExitEndsTheScriptAndNotTheProcess) {
     const SESSION session;
     int number = 0;
     for (const EXIT_FORM& form : exit_forms) {
-        const std::string file =
-            folder.write(std::to_string(++number) + ".py",
-                         std::string("import sys\nreached = 1\n") + form.statement + "\nreached = 2\n");
+        const std::string file = folder.write(
+            std::to_string(++number) + ".py",
+            std::string("import sys\nreached = 1\n") + form.statement + "\nreached = 2\n");
         bool success = !form.success;
         const std::string printed = written_by([&] { success = run_file({file}); });
         EXPECT_EQ(success, form.success) << form.statement;
@@ -697,9 +701,8 @@ TEST_F(PySourceWithArgs, AMissingFileIsAnException) {
     for (const char* const name : {"/none.py", "/none.pyc"}) {
         const std::string file = folder.path() + name;
         const std::string printed = failure_of_file(file);
-        EXPECT_TRUE(ends_with(printed,
-                              "\nFileNotFoundError: [Errno 2] No such file or directory: '" + file +
-                                  "'\n"))
+        EXPECT_TRUE(ends_with(
+            printed, "\nFileNotFoundError: [Errno 2] No such file or directory: '" + file + "'\n"))
             << printed;
     }
     EXPECT_NE(failure_of_file(""), "");
@@ -822,11 +825,14 @@ TEST_F(Session, AnExitHandlerThatExitsDoesNotEndTheProcess) {
     written_by([&] {
         const SESSION session;
         EXPECT_TRUE(py_eval(("import atexit, sys\n"
-                             "def first(): open('" + folder.path() + "/ran', 'w').close()\n"
+                             "def first(): open('" +
+                             folder.path() +
+                             "/ran', 'w').close()\n"
                              "atexit.register(first)\n"
                              "atexit.register(sys.exit, 3)\n"
                              "atexit.register(sys.exit, 'a text')\n"
-                             "atexit.register(lambda: 1/0)").c_str()));
+                             "atexit.register(lambda: 1/0)")
+                                .c_str()));
     });
     EXPECT_FALSE(interpreter_is_running());
     EXPECT_TRUE(std::filesystem::exists(std::filesystem::u8path(folder.path() + "/ran")));
@@ -842,9 +848,12 @@ TEST_F(Session, AThreadOfTheScriptIsWaitedFor) {
         EXPECT_TRUE(py_eval(("import threading, time\n"
                              "def work():\n"
                              "    time.sleep(0.3)\n"
-                             "    with open('" + folder.path() + "/done', 'w') as file:\n"
+                             "    with open('" +
+                             folder.path() +
+                             "/done', 'w') as file:\n"
                              "        file.write('at the end')\n"
-                             "threading.Thread(target=work).start()").c_str()));
+                             "threading.Thread(target=work).start()")
+                                .c_str()));
         EXPECT_EQ(folder.read("done"), "");
     }
     EXPECT_EQ(folder.read("done"), "at the end");
@@ -987,8 +996,8 @@ TEST_F(HomeLeadsNowhere, ASessionIsAnInternalErrorAndTheNextOneStarts) {
     m_folder.make_folder("other/lib/python3.6/encodings");
     m_folder.write("other/bin/python3", "");
     for (const std::string& text :
-         {m_no_home, m_no_home + ":" + prefix, m_folder.path(), other_version, std::string("no\xFF"),
-          std::string(100000, 'x')}) {
+         {m_no_home, m_no_home + ":" + prefix, m_folder.path(), other_version,
+          std::string("no\xFF"), std::string(100000, 'x')}) {
         EXPECT_EQ(written_by([&] {
                       RECORDING_RECEIVER receiver;
                       const ENVIRONMENT_VALUE home("PYTHONHOME", text.c_str());
@@ -1109,7 +1118,8 @@ TEST_F(BrokenPipes, TheSignalIsIgnoredInASessionAndAsItWasAfterwards) {
 }
 
 TEST_F(BrokenPipes, WhatTheHostHasSetForTheSignalStays) {
-    for (const SIGNAL_HANDLER handler : {static_cast<SIGNAL_HANDLER>(handler_of_the_host), SIG_IGN}) {
+    for (const SIGNAL_HANDLER handler :
+         {static_cast<SIGNAL_HANDLER>(handler_of_the_host), SIG_IGN}) {
         std::signal(SIGPIPE, handler);
         {
             const SESSION session;

@@ -294,6 +294,7 @@ bool py_source_with_args(int argc, const char** argv) {
 void py_print_error() {
     const PENDING_ERROR error;
     flush_python_stream("stdout");
+    // Python writes a traceback in pieces.
     const PY_REFERENCE stream = python_stream("stderr");
     PyObject* const hook = PySys_GetObject("excepthook");
     PY_REFERENCE shown;

@@ -13,9 +13,9 @@
 // an interpreter of its own, the session uses that one and takes its lock.
 //
 // An interpreter that cannot start is an internal error. Where Python finds that out itself (a
-// damaged standard library, say), it cannot be started again in the process, and Python 3.7 ends the
-// process. Outside Windows a PYTHONHOME that leads to no standard library is found out before: the
-// next session may start.
+// damaged standard library, say), it cannot be started again in the process, and Python 3.7 ends
+// the process. Outside Windows a PYTHONHOME that leads to no standard library is found out before:
+// the next session may start.
 ZEL_PY_API void py_initialize();
 
 // Shuts down the interpreter that py_initialize started and puts back what it changed in the
