@@ -202,10 +202,12 @@ private:
 };
 
 // Runs a program and gives its exit status and what it wrote. `environment` holds NAME=VALUE.
+// In `output` and `errors` lines end as the language has it; `output_bytes` is the output as it is.
 struct PROGRAM_RESULT {
     int status;
     std::string output;
     std::string errors;
+    std::string output_bytes;
 };
 PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment = {});

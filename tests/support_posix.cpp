@@ -186,6 +186,7 @@ PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::st
     }
     int status = 0;
     ::waitpid(child, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contents(output),
-            contents(errors)};
+    const std::string bytes = contents(output);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), bytes,
+            contents(errors), bytes};
 }

@@ -1,5 +1,5 @@
-#include <winsock2.h>
 #include <windows.h>
+#include <winsock2.h>
 
 #include <io.h>
 #include <psapi.h>
@@ -53,8 +53,7 @@ bool bind_and_listen(SOCKET socket) {
 template <typename FUNCTION>
 FUNCTION* of_pythons_runtime(const char* name) {
     const HMODULE runtime = ::LoadLibraryW(L"ucrtbase.dll");
-    return reinterpret_cast<FUNCTION*>(
-        reinterpret_cast<void*>(::GetProcAddress(runtime, name)));
+    return reinterpret_cast<FUNCTION*>(reinterpret_cast<void*>(::GetProcAddress(runtime, name)));
 }
 
 typedef int __cdecl WPUTENV_S(const wchar_t* name, const wchar_t* value);
@@ -132,10 +131,14 @@ public:
             }
         });
     }
-    // What was written, with line ends as the program meant them.
-    std::string text() {
+    // Waits until the program has closed the stream and gives what it wrote.
+    const std::string& finish_reading() {
         m_reader.join();
         ::CloseHandle(m_read);
+        return m_text;
+    }
+    // What was written, with line ends as the program meant them.
+    std::string text() const {
         std::string text;
         for (std::size_t at = 0; at < m_text.size(); ++at) {
             if (m_text.compare(at, 2, "\r\n") != 0) {
@@ -174,7 +177,8 @@ int count_of_threads() {
     const HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
     THREADENTRY32 entry = {};
     entry.dwSize = sizeof entry;
-    for (BOOL more = ::Thread32First(snapshot, &entry); more; more = ::Thread32Next(snapshot, &entry)) {
+    for (BOOL more = ::Thread32First(snapshot, &entry); more;
+         more = ::Thread32Next(snapshot, &entry)) {
         count += entry.th32OwnerProcessID == ::GetCurrentProcessId() ? 1 : 0;
     }
     ::CloseHandle(snapshot);
@@ -247,7 +251,8 @@ bool CLIENT::sees_silent_end() const {
 
 PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment) {
-    std::wstring command = quoted(to_wide(std::filesystem::u8path(program).make_preferred().u8string()));
+    std::wstring command =
+        quoted(to_wide(std::filesystem::u8path(program).make_preferred().u8string()));
     for (const std::string& argument : arguments) {
         command += L" " + quoted(to_wide(argument));
     }
@@ -277,5 +282,7 @@ PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::st
         ::CloseHandle(process.hThread);
         ::CloseHandle(process.hProcess);
     }
-    return {static_cast<int>(status), output.text(), errors.text()};
+    const std::string output_bytes = output.finish_reading();
+    errors.finish_reading();
+    return {static_cast<int>(status), output.text(), errors.text(), output_bytes};
 }

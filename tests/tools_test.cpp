@@ -357,6 +357,19 @@ TEST(CallTool, EndsAfterAnInternalError) {
     expect_failure(call({"query_opn_name", "x"}, environment), 3, internal_error_line(text, 771));
 }
 
+TEST(CallTool, WritesBytesToStandardOutputAsTheyAre) {
+    const TEST_INSTALLATION installation;
+    const std::string content("\r\n\n\x1A\0\r\xFF\n", 8);
+    const std::string file = installation.folder().write("design.bin", content);
+    const std::string script = installation.common_script(
+        "python/change.py", "def add_a_line(data): return data + b'\\n'\n");
+    const PROGRAM_RESULT result =
+        call({"modify_bitstream", file, script, "add_a_line", "--out", "-"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output_bytes, content + "\n");
+    EXPECT_EQ(result.errors, "");
+}
+
 TEST(CallTool, ReportsAResultThatCannotBeWritten) {
     if (!std::filesystem::exists("/dev/full")) {
         GTEST_SKIP() << "there is no /dev/full here";

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "pgm/pgm_common/pgm_common.h"
+#include "tools/tool_platform.h"
 #include "zel/zel_msg/zel_msg.h"
 
 namespace {
@@ -147,6 +148,7 @@ TOOL_STATUS print_text(const std::string& text) {
 
 TOOL_STATUS write_bytes(const std::string& out, const unsigned char* bytes, std::size_t size) {
     if (out == "-") {
+        tool_platform::make_standard_output_binary();
         std::cout.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
         std::cout.flush();
         return std::cout ? TOOL_SUCCESS : cannot_write("standard output");

@@ -12,4 +12,6 @@ void set_locale() {
     std::setlocale(LC_ALL, "");
 }
 
+void make_standard_output_binary() {}
+
 }  // namespace tool_platform

@@ -1,8 +1,11 @@
 #include <windows.h>
 
+#include <fcntl.h>
+#include <io.h>
 #include <shellapi.h>
 
 #include <clocale>
+#include <cstdio>
 
 #include "tools/tool_platform.h"
 #include "zel/zel_fio/fio_text_windows.h"
@@ -25,6 +28,10 @@ void set_locale() {
     if (std::setlocale(LC_ALL, ".UTF-8") == nullptr) {
         std::setlocale(LC_ALL, "");
     }
+}
+
+void make_standard_output_binary() {
+    ::_setmode(::_fileno(stdout), _O_BINARY);
 }
 
 }  // namespace tool_platform

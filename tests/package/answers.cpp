@@ -9,8 +9,8 @@
 // Bytes: they go in by pointer and size, and come back in a buffer that is the caller's.
 void make_certificate(std::vector<unsigned char> content) {
     unsigned long size = 0;
-    const std::unique_ptr<unsigned char[]> certificate(PGM_PYTHON_MGR::generate_compact_cert(
-        size, 1, 2, content.data(), content.size(), "", ""));
+    const std::unique_ptr<unsigned char[]> certificate(
+        PGM_PYTHON_MGR::generate_compact_cert(size, 1, 2, content.data(), content.size(), "", ""));
     std::cout << "certificate: " << size << " bytes\n";
 }
 
