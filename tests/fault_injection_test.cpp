@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <tuple>
 
 #include "pgm/pgm_python/back_channel.h"
@@ -37,7 +38,7 @@ void check_platform() {
 
 // ---- A listener on its own.
 
-class FaultyListener : public testing::TestWithParam<CALL> {
+class FaultyListener : public testing::Test {
 protected:
     FaultyListener() {
         faulty_platform::begin_anew();
@@ -63,7 +64,7 @@ protected:
     THR_THREAD thread = nullptr;
 };
 
-class FaultySetUp : public FaultyListener {};
+class FaultySetUp : public FaultyListener, public testing::WithParamInterface<CALL> {};
 
 TEST_P(FaultySetUp, EndsTheListenerAtOnce) {
     faulty_platform::make_fail(GetParam());
