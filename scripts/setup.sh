@@ -8,6 +8,9 @@
 
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
+# The CMake preset; a script may choose another before set_up.
+preset=release
+
 stop() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
     exit 1
@@ -62,22 +65,24 @@ choose_python() {
     return 1
 }
 
-# Which of the CMake packages that the build looks for are not found, by the Debian package of each.
+# The CMake packages that the build looks for, and the Debian package of each.
+declare -A cmake_packages=([CLI11]=libcli11-dev [GTest]=libgtest-dev)
+
+# Which of them are not found, by the Debian package of each.
 missing_cmake_packages() {
-    local folder output
+    local folder name output
     folder=$(mktemp -d)
-    cat >"$folder/CMakeLists.txt" <<'END'
-cmake_minimum_required(VERSION 3.20)
-project(probe CXX)
-set(CLI11_package libcli11-dev)
-set(GTest_package libgtest-dev)
-foreach(name CLI11 GTest)
-  find_package(${name} QUIET)
-  if(NOT ${name}_FOUND)
-    message(STATUS "missing ${${name}_package}")
-  endif()
-endforeach()
-END
+    {
+        echo 'cmake_minimum_required(VERSION 3.20)'
+        echo 'project(probe CXX)'
+        echo 'set(PYBIND11_NOPYTHON ON)'
+        for name in "${!cmake_packages[@]}"; do
+            echo "find_package($name QUIET)"
+            echo "if(NOT ${name}_FOUND)"
+            echo "  message(STATUS \"missing ${cmake_packages[$name]}\")"
+            echo 'endif()'
+        done
+    } >"$folder/CMakeLists.txt"
     if output=$(cmake -G Ninja -S "$folder" -B "$folder/build" 2>&1); then
         sed -n 's/^-- missing //p' <<<"$output"
     else
@@ -104,8 +109,7 @@ missing_packages() {
     if [ "$tools" = 1 ]; then
         missing_cmake_packages
     else
-        echo libcli11-dev
-        echo libgtest-dev
+        printf '%s\n' "${cmake_packages[@]}"
     fi
     choose_python || printf '%s\n' python3 python3-dev
     command -v git >/dev/null || echo git
@@ -145,8 +149,8 @@ install_packages() {
     quietly "${as_root[@]}" "${install[@]}" || stop "the packages cannot be installed"
 }
 
-# Installs what is missing and configures the build. Sets build, the build folder, and python, the
-# interpreter that is linked.
+# Installs what is missing and configures the build of the preset. Sets build, the build folder, and
+# python, the interpreter that is linked.
 set_up() {
     local packages prefix
     packages=$(missing_packages)
@@ -160,15 +164,15 @@ set_up() {
     choose_python
     prefix=$(python_prefix "$python")
 
-    build=$project/build/release
+    build=$project/build/$preset
     if [ -n "${PGM_PYTHON_PYTHON_ROOT:-}" ]; then
         build=$build-python$(python_version "$python")
     fi
     echo "Configuring $build"
     # shellcheck disable=SC2086
-    (cd "$project" && quietly cmake --preset release -B "$build" -DPython3_ROOT_DIR="$prefix" \
-        -DPython3_FIND_VIRTUALENV=NEVER -DPGM_PYTHON_BUILD_TESTS=ON \
-        ${PGM_PYTHON_CMAKE_ARGUMENTS:-}) || stop "the build cannot be configured"
+    (cd "$project" && quietly cmake --preset "$preset" -B "$build" -DPython3_ROOT_DIR="$prefix" \
+        -DPython3_FIND_VIRTUALENV=NEVER ${PGM_PYTHON_CMAKE_ARGUMENTS:-}) ||
+        stop "the build cannot be configured"
     python=$(sed -n 's/^_Python3_EXECUTABLE:INTERNAL=//p' "$build/CMakeCache.txt")
     [ "$(python_prefix "$python")" = "$prefix" ] ||
         stop "CMake took the Python $python, not one of $prefix"
