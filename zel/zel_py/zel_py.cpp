@@ -89,6 +89,48 @@ void restore_character_locale() {
     }
 }
 
+#if PY_VERSION_HEX < 0x03090000
+
+// Before Python 3.9 the garbage collector outlives the interpreter, and what a session leaves
+// behind is looked through by every later one. gc.freeze takes it out of the collector's sight;
+// called when the interpreter is gone, it meets nothing else. It needs no interpreter then, but has
+// to be found while there is one.
+class LEFT_OVER_OBJECTS {
+public:
+    LEFT_OVER_OBJECTS() {
+        const PY_REFERENCE collector = PY_REFERENCE::owned(PyImport_ImportModule("gc"));
+        const PY_REFERENCE function = PY_REFERENCE::owned(
+            collector ? PyObject_GetAttrString(collector.get(), "freeze") : nullptr);
+        if (function && PyCFunction_Check(function.get()) != 0) {
+            m_freeze = PyCFunction_GetFunction(function.get());
+        }
+        PyErr_Clear();
+    }
+
+    void freeze() const {
+        static unsigned int sessions = 0;
+        if (m_freeze != nullptr && ++sessions % interval == 0) {
+            m_freeze(nullptr, nullptr);
+        }
+    }
+
+private:
+    // Most of what a session leaves behind is freed by the next one's collector, and lost after a
+    // freeze. So that is done seldom.
+    static constexpr unsigned int interval = 64;
+
+    PyCFunction m_freeze = nullptr;
+};
+
+#else
+
+class LEFT_OVER_OBJECTS {
+public:
+    void freeze() const {}
+};
+
+#endif
+
 // The three parts of the pending exception, taken out of the interpreter and put in order.
 struct PENDING_ERROR {
     PY_REFERENCE type;
@@ -263,7 +305,9 @@ void py_finalize() {
         PyGILState_Release(session.lock);
         return;
     }
+    const LEFT_OVER_OBJECTS left_over;
     Py_FinalizeEx();
+    left_over.freeze();
     session.owns_interpreter = false;
     py_platform::restore_broken_pipes();
     restore_character_locale();
