@@ -14,7 +14,9 @@ extern "C" {
 
 void* no_object[64] = {};
 
-int no_interpreter_is_running() { return 0; }
+int no_interpreter_is_running() {
+    return 0;
+}
 
 [[noreturn]] void no_interpreter() {
     std::fputs("skipped: needs a Python for Windows, and none is at hand\n", stderr);

@@ -26,7 +26,7 @@ std::string folder(const char* variable, const char* fallback) {
     if (!named.empty()) {
         return without_end_separators(FIO_PATH(named).fullpath());
     }
-    const std::string program = FIO_FILE_SYSTEM::program_directory();
+    std::string program = FIO_FILE_SYSTEM::program_directory();
     if (*fallback == '\0') {
         return program;
     }
@@ -90,7 +90,7 @@ std::string PGM_COMMON::convert_byte_array_to_standard_hex_string(const unsigned
                                                                   bool /*upper_case*/,
                                                                   bool /*prefixed*/) {
     // By way of a block that stays in the processor's cache, so that the text is written once.
-    std::array<char, 2048> block;
+    std::array<char, 2048> block;  // NOLINT(cppcoreguidelines-pro-type-member-init)
     std::string text;
     text.reserve(static_cast<std::size_t>(size) * 2);
     for (std::size_t at = 0; at < size; at += block.size() / 2) {

@@ -9,7 +9,9 @@
 
 namespace back_channel_socket {
 
-struct ADDRESS : addrinfo {};
+struct ADDRESS {
+    addrinfo* found;
+};
 
 namespace {
 
@@ -36,17 +38,17 @@ ADDRESS* find_address(const char* node, const char* service) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_protocol = IPPROTO_TCP;
     addrinfo* found = nullptr;
-    return ::getaddrinfo(node, service, &hints, &found) == 0 ? static_cast<ADDRESS*>(found)
-                                                             : nullptr;
+    return ::getaddrinfo(node, service, &hints, &found) == 0 ? new ADDRESS{found} : nullptr;
 }
 
 void free_address(ADDRESS* address) {
-    ::freeaddrinfo(address);
+    ::freeaddrinfo(address->found);
+    delete address;
 }
 
 SOCKET_HANDLE open_socket(const ADDRESS* address) {
-    return handle(
-        ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol));
+    return handle(::socket(address->found->ai_family, address->found->ai_socktype | SOCK_CLOEXEC,
+                           address->found->ai_protocol));
 }
 
 bool allow_address_reuse(SOCKET_HANDLE socket) {
@@ -55,7 +57,7 @@ bool allow_address_reuse(SOCKET_HANDLE socket) {
 }
 
 bool bind_to(SOCKET_HANDLE socket, const ADDRESS* address) {
-    return ::bind(descriptor(socket), address->ai_addr, address->ai_addrlen) == 0;
+    return ::bind(descriptor(socket), address->found->ai_addr, address->found->ai_addrlen) == 0;
 }
 
 bool start_listening(SOCKET_HANDLE socket) {
@@ -63,7 +65,7 @@ bool start_listening(SOCKET_HANDLE socket) {
 }
 
 SOCKET_HANDLE accept_client(SOCKET_HANDLE socket) {
-    int client;
+    int client = -1;
     do {
         client = ::accept4(descriptor(socket), nullptr, nullptr, SOCK_CLOEXEC);
     } while (client < 0 && errno == EINTR);
@@ -71,7 +73,7 @@ SOCKET_HANDLE accept_client(SOCKET_HANDLE socket) {
 }
 
 std::ptrdiff_t receive(SOCKET_HANDLE socket, char* buffer, std::size_t size) {
-    ssize_t count;
+    ssize_t count = -1;
     do {
         count = ::recv(descriptor(socket), buffer, size, 0);
     } while (count < 0 && errno == EINTR);

@@ -5,7 +5,9 @@
 
 namespace back_channel_socket {
 
-struct ADDRESS : addrinfo {};
+struct ADDRESS {
+    addrinfo* found;
+};
 
 namespace {
 
@@ -36,16 +38,17 @@ ADDRESS* find_address(const char* node, const char* service) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_protocol = IPPROTO_TCP;
     addrinfo* found = nullptr;
-    return ::getaddrinfo(node, service, &hints, &found) == 0 ? static_cast<ADDRESS*>(found)
-                                                             : nullptr;
+    return ::getaddrinfo(node, service, &hints, &found) == 0 ? new ADDRESS{found} : nullptr;
 }
 
 void free_address(ADDRESS* address) {
-    ::freeaddrinfo(address);
+    ::freeaddrinfo(address->found);
+    delete address;
 }
 
 SOCKET_HANDLE open_socket(const ADDRESS* address) {
-    return own(::socket(address->ai_family, address->ai_socktype, address->ai_protocol));
+    return own(::socket(address->found->ai_family, address->found->ai_socktype,
+                        address->found->ai_protocol));
 }
 
 bool allow_address_reuse(SOCKET_HANDLE socket) {
@@ -55,7 +58,8 @@ bool allow_address_reuse(SOCKET_HANDLE socket) {
 }
 
 bool bind_to(SOCKET_HANDLE socket, const ADDRESS* address) {
-    return ::bind(socket, address->ai_addr, static_cast<int>(address->ai_addrlen)) == 0;
+    return ::bind(socket, address->found->ai_addr, static_cast<int>(address->found->ai_addrlen)) ==
+           0;
 }
 
 bool start_listening(SOCKET_HANDLE socket) {

@@ -354,7 +354,7 @@ void complete_python_call(bool success, THR_THREAD* thread, PGM_PYTHON_LISTENER_
             data->text, back_channel_delimiter, true, false, 0xFFFFFFFFUL, {}, "", true);
         for (const std::string& piece : pieces) {
             // A piece ends at its first zero byte.
-            post_and_release(make_execution_failure_reason_msg(piece.c_str()));
+            post_and_release(make_execution_failure_reason_msg(piece.substr(0, piece.find('\0'))));
         }
     }
 }

@@ -252,7 +252,7 @@ private:
     std::string m_script;  // the module's name, once the search path is set up
     std::string m_function;
     std::vector<std::string> m_script_arguments;
-    CHECK m_tuple_made = {nullptr, 0};
+    CHECK m_tuple_made;
     std::vector<ROW> m_rows;
     bool m_made = false;
 };

@@ -12,8 +12,8 @@
 // A failed condition as an internal error tells it: the condition's text, and the fixed number of
 // the check. A null text stands for "nothing is checked here".
 struct CHECK {
-    const char* text;
-    int line;
+    const char* text = nullptr;
+    int line = 0;
 };
 
 // Reports an internal error and does not come back: it throws what the receiver throws, else the

@@ -46,6 +46,7 @@ enum MSG_TYPE : int {
 //
 // The three functions are called on the thread that reports. They must not call back into the
 // library that reports.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): nothing to copy or to move
 class ZEL_MSG_API MSG_RECEIVER {
 public:
     // One internal error. `text` is the failed condition or the explanation; `line` is the number
@@ -84,6 +85,7 @@ ZEL_MSG_API void msg_line(int type, const std::string& text);
 
 // The ancestry of message objects. The bases hold nothing; they are here because code of the suite
 // passes messages around by them.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): nothing to copy or to move
 class ZEL_MSG_API PDB_OBJECT_BASE {
 public:
     virtual ~PDB_OBJECT_BASE();

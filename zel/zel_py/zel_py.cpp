@@ -98,6 +98,10 @@ void restore_character_locale() {
 class LEFT_OVER_OBJECTS {
 public:
     LEFT_OVER_OBJECTS() {
+        static unsigned int sessions = 0;
+        if (++sessions % sessions_to_a_freeze != 0) {
+            return;
+        }
         const PY_REFERENCE collector = PY_REFERENCE::owned(PyImport_ImportModule("gc"));
         const PY_REFERENCE function = PY_REFERENCE::owned(
             collector ? PyObject_GetAttrString(collector.get(), "freeze") : nullptr);
@@ -108,16 +112,15 @@ public:
     }
 
     void freeze() const {
-        static unsigned int sessions = 0;
-        if (m_freeze != nullptr && ++sessions % interval == 0) {
-            m_freeze(nullptr, nullptr);
+        if (m_freeze != nullptr) {
+            Py_XDECREF(m_freeze(nullptr, nullptr));  // None, which outlives interpreters
         }
     }
 
 private:
     // Most of what a session leaves behind is freed by the next one's collector, and lost after a
     // freeze. So that is done seldom.
-    static constexpr unsigned int interval = 64;
+    static constexpr unsigned int sessions_to_a_freeze = 64;
 
     PyCFunction m_freeze = nullptr;
 };
