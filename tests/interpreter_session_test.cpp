@@ -371,6 +371,27 @@ TEST(SearchPath, TheSecondInsertionOfTheCommonFolderHasItsOwnLine) {
     testing::internal::GetCapturedStderr();
 }
 
+// Modules with code of their own in C, which keeps state from one session to the next.
+class SessionsAgain : public testing::TestWithParam<const char*> {};
+
+TEST_P(SessionsAgain, MayEachImport) {
+    const std::string import = std::string("import ") + GetParam();
+    if (!python_imports_again(GetParam())) {
+        GTEST_SKIP() << why_python_does_not_import_again;
+    }
+    for (int round = 0; round < 3; ++round) {
+        const INTERPRETER_SESSION session;
+        EXPECT_TRUE(py_eval(import.c_str()));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ExtensionModules, SessionsAgain,
+                         testing::Values("hashlib", "decimal", "datetime", "ctypes", "json",
+                                         "socket"),
+                         [](const testing::TestParamInfo<const char*>& module) {
+                             return std::string(module.param);
+                         });
+
 TEST(SearchPathDeathTest, WithoutAReceiverABrokenFolderAborts) {
     const TEST_INSTALLATION installation;
     const ENVIRONMENT_VALUE folder("PGM_COMMON_PROGRAMMER_DIR", "/x/\"quoted");

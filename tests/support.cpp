@@ -182,6 +182,17 @@ const char send_function[] =
     "        channel.sendall(text)\n"
     "        channel.shutdown(socket.SHUT_WR)\n";
 
+bool python_imports_again([[maybe_unused]] const std::string& module) {
+#if PY_VERSION_HEX >= 0x030C0000 && PY_VERSION_HEX < 0x030D0000
+    return run_program(PGM_PYTHON_PROGRAMS "/bare_sessions", {module}).status == 0;
+#else
+    return true;
+#endif
+}
+
+const char why_python_does_not_import_again[] =
+    "this Python crashes by itself when a second session of a process imports the module";
+
 bool interpreter_is_running() {
     return Py_IsInitialized() != 0;
 }

@@ -130,12 +130,22 @@ void write_compiled(const std::string& file, const std::string& source);
 // form of a function send(text).
 extern const char send_function[];
 
+// Whether the linked Python can import a module in a second session of a process. CPython 3.12 up to
+// 3.12.1 crashes with some extension modules, the embedding program being as small as can be
+// (bare_sessions.cpp, which is asked there); other versions must do it.
+bool python_imports_again(const std::string& module);
+extern const char why_python_does_not_import_again[];
+
 // Whether an interpreter is initialised in the process.
 bool interpreter_is_running();
 
 // Counts of the process; negative where the platform does not tell.
 int count_of_threads();
 int count_of_open_handles();
+int count_of_sockets();
+
+// The memory of the process that is in use now, in bytes; negative where the platform does not tell.
+long long resident_memory();
 
 // How far the memory in use has risen at its peak since construction. Where the platform cannot
 // begin a peak anew, only the first of a process tells.
@@ -195,6 +205,9 @@ public:
 
     // Waits until the other side has closed; true when it did so without sending anything.
     bool sees_silent_end() const;
+
+    // The same where the other side may have gone without accepting, which resets the connection.
+    bool sees_end_or_reset() const;
 
 private:
     std::size_t m_socket;

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -102,10 +103,28 @@ int count_of_open_handles() {
     return count_entries("/proc/self/fd");
 }
 
+int count_of_sockets() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code closed;  // the folder itself is open while it is read
+        const std::string target = std::filesystem::read_symlink(entry, closed).string();
+        count += target.compare(0, 7, "socket:") == 0 ? 1 : 0;
+    }
+    return count;
+}
+
 // The sanitizers keep memory of their own.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+long long resident_memory() {
+    return -1;
+}
+
 PEAK_MEMORY::PEAK_MEMORY() : m_before(-1) {}
 #else
+long long resident_memory() {
+    return status_value("VmRSS:");
+}
+
 PEAK_MEMORY::PEAK_MEMORY() {
     constexpr char begin_anew = '5';
     std::ofstream references("/proc/self/clear_refs");
@@ -161,6 +180,12 @@ void CLIENT::send(const std::string& text) const {
 bool CLIENT::sees_silent_end() const {
     char byte;
     return ::recv(static_cast<int>(m_socket), &byte, 1, 0) == 0;
+}
+
+bool CLIENT::sees_end_or_reset() const {
+    char byte;
+    const ssize_t count = ::recv(static_cast<int>(m_socket), &byte, 1, 0);
+    return count == 0 || (count < 0 && errno == ECONNRESET);
 }
 
 PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,

@@ -190,6 +190,18 @@ int count_of_open_handles() {
     return ::GetProcessHandleCount(::GetCurrentProcess(), &count) ? static_cast<int>(count) : -1;
 }
 
+// Not told: a socket is a handle like others.
+int count_of_sockets() {
+    return -1;
+}
+
+long long resident_memory() {
+    PROCESS_MEMORY_COUNTERS counters = {};
+    return ::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof counters) != 0
+               ? static_cast<long long>(counters.WorkingSetSize)
+               : -1;
+}
+
 PEAK_MEMORY::PEAK_MEMORY() {
     constexpr SIZE_T risen_before = 16 * 1024 * 1024;
     PROCESS_MEMORY_COUNTERS counters = {};
@@ -247,6 +259,12 @@ void CLIENT::send(const std::string& text) const {
 bool CLIENT::sees_silent_end() const {
     char byte;
     return ::recv(m_socket, &byte, 1, 0) == 0;
+}
+
+bool CLIENT::sees_end_or_reset() const {
+    char byte;
+    const int count = ::recv(m_socket, &byte, 1, 0);
+    return count == 0 || (count == SOCKET_ERROR && ::WSAGetLastError() == WSAECONNRESET);
 }
 
 PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,
