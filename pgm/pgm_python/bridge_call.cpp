@@ -96,7 +96,9 @@ std::string text_of_str_or_bytes(PyObject* result) {
 }
 
 unsigned long number_of_int(PyObject* result) {
-    const long number = PyLong_AsLong(result);
+    // Up to Python 3.9 PyLong_AsLong alone also rounds what is no integer, such as a float.
+    const PY_REFERENCE integer = PY_REFERENCE::owned(PyNumber_Index(result));
+    const long number = integer ? PyLong_AsLong(integer.get()) : -1;
     PyErr_Clear();
     const bool fits = number >= INT32_MIN && number <= INT32_MAX;
     return fits ? static_cast<std::uint32_t>(number) : 0xFFFFFFFFUL;
