@@ -492,8 +492,10 @@ std::string SOAK_CALLS::make(const SOAK_CALL& call) const {
 void SOAK_CALLS::run_bare_session() const {
     const ENVIRONMENT_VALUE outcome(outcome_variable, row_of(OUTCOME::succeeds).name);
     offer_script_hooks();
-    written_by([] {
+    const std::string import = "import sys\nsys.path.insert(0, '" + m_installation.common() +
+                               "/python')\nimport norvane_sign\n";
+    written_by([&import] {
         const INTERPRETER_SESSION session;
-        py_eval(script_source);
+        py_eval(import.c_str());
     });
 }

@@ -52,7 +52,8 @@ public:
     // Makes a call and gives what was wrong with it; empty when nothing was.
     std::string make(const SOAK_CALL& call) const;
 
-    // A session that runs what the scripts run as they are imported, and calls nothing.
+    // A session that imports a script, as a module, which costs some versions of Python more than
+    // to run its source, and calls nothing.
     void run_bare_session() const;
 
 private:
