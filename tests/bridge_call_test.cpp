@@ -7,7 +7,6 @@
 #include <cstdio>
 
 #include "tests/support.h"
-#include "zel/zel_py/zel_py.h"
 
 namespace {
 
@@ -525,27 +524,6 @@ TEST(Conversions, NumbersAre0To0xFFFFFFFFOnTheWayOut) {
     }
     EXPECT_EQ(number_of_int(Py_None), 0xFFFFFFFFUL);
     EXPECT_EQ(PyErr_Occurred(), nullptr);
-}
-
-TEST(Conversions, WhatCanOnlyBeRoundedToANumberIsNone) {
-    const INTERPRETER_SESSION session;
-    ASSERT_TRUE(
-        py_eval("class ROUNDED:\n"
-                "    def __int__(self): return 7\n"
-                "class INDEX:\n"
-                "    def __index__(self): return 7\n"));
-    struct ROW {
-        const char* expression;
-        unsigned long stored;
-    };
-    PyObject* const names = PyModule_GetDict(PyImport_AddModule("__main__"));
-    for (const ROW& row : {ROW{"7.0", 0xFFFFFFFFUL}, ROW{"ROUNDED()", 0xFFFFFFFFUL},
-                           ROW{"'7'", 0xFFFFFFFFUL}, ROW{"INDEX()", 7}, ROW{"True", 1}}) {
-        const PY_REFERENCE object =
-            PY_REFERENCE::owned(PyRun_String(row.expression, Py_eval_input, names, names));
-        EXPECT_EQ(number_of_int(object.get()), row.stored) << row.expression;
-        EXPECT_EQ(PyErr_Occurred(), nullptr);
-    }
 }
 
 }  // namespace

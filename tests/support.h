@@ -130,8 +130,8 @@ void write_compiled(const std::string& file, const std::string& source);
 // form of a function send(text).
 extern const char send_function[];
 
-// Whether the linked Python can import a module in a second session of a process. CPython 3.12 up to
-// 3.12.1 crashes with some extension modules, the embedding program being as small as can be
+// Whether the linked Python can import a module in a second session of a process. CPython 3.12 up
+// to 3.12.1 crashes with some extension modules, the embedding program being as small as can be
 // (bare_sessions.cpp, which is asked there); other versions must do it.
 bool python_imports_again(const std::string& module);
 extern const char why_python_does_not_import_again[];
@@ -144,7 +144,8 @@ int count_of_threads();
 int count_of_open_handles();
 int count_of_sockets();
 
-// The memory of the process that is in use now, in bytes; negative where the platform does not tell.
+// The memory of the process that is in use now, in bytes; negative where the platform does not
+// tell.
 long long resident_memory();
 
 // How far the memory in use has risen at its peak since construction. Where the platform cannot

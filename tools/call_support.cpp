@@ -70,14 +70,14 @@ TOOL_STATUS write_file(const std::string& file, const unsigned char* bytes, std:
 
 std::shared_ptr<std::string> add_text(CLI::App& command, const std::string& name,
                                       const std::string& description) {
-    const auto text = std::make_shared<std::string>();
+    auto text = std::make_shared<std::string>();
     command.add_option(name, *text, description)->required(!is_option(name));
     return text;
 }
 
 std::shared_ptr<std::uint32_t> add_number(CLI::App& command, const std::string& name,
                                           const std::string& description) {
-    const auto number = std::make_shared<std::uint32_t>();
+    auto number = std::make_shared<std::uint32_t>();
     command
         .add_option_function<std::string>(
             name, [number, name](const std::string& text) { *number = number_of(name, text); },
@@ -90,7 +90,7 @@ std::shared_ptr<std::uint32_t> add_number(CLI::App& command, const std::string& 
 std::shared_ptr<std::vector<unsigned char>> add_file_content(CLI::App& command,
                                                              const std::string& name,
                                                              const std::string& description) {
-    const auto content = std::make_shared<std::vector<unsigned char>>();
+    auto content = std::make_shared<std::vector<unsigned char>>();
     command
         .add_option_function<std::string>(
             name, [content, name](const std::string& file) { *content = content_of(name, file); },
@@ -103,7 +103,7 @@ std::shared_ptr<std::vector<unsigned char>> add_file_content(CLI::App& command,
 std::shared_ptr<std::map<std::string, std::string>> add_map(CLI::App& command,
                                                             const std::string& name,
                                                             const std::string& description) {
-    const auto map = std::make_shared<std::map<std::string, std::string>>();
+    auto map = std::make_shared<std::map<std::string, std::string>>();
     command
         .add_option_function<std::vector<std::string>>(
             name,
@@ -127,7 +127,7 @@ std::shared_ptr<std::map<std::string, std::string>> add_map(CLI::App& command,
 
 std::shared_ptr<std::vector<std::string>> add_further_arguments(CLI::App& command,
                                                                 const std::string& description) {
-    const auto arguments = std::make_shared<std::vector<std::string>>();
+    auto arguments = std::make_shared<std::vector<std::string>>();
     command.add_option("ARGUMENT", *arguments, description);
     return arguments;
 }

@@ -43,6 +43,7 @@ ARGUMENT hex_argument(const unsigned char* bytes, std::size_t size) {
             const std::size_t count = std::min(block, size - at);
             const std::string part = PGM_COMMON::convert_byte_array_to_standard_hex_string(
                 bytes + at, static_cast<unsigned long>(count), true, false);
+            // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the str has its end already
             std::memcpy(digits + 2 * at, part.data(), part.size());
         }
         return text;
@@ -96,9 +97,7 @@ std::string text_of_str_or_bytes(PyObject* result) {
 }
 
 unsigned long number_of_int(PyObject* result) {
-    // Up to Python 3.9 PyLong_AsLong alone also rounds what is no integer, such as a float.
-    const PY_REFERENCE integer = PY_REFERENCE::owned(PyNumber_Index(result));
-    const long number = integer ? PyLong_AsLong(integer.get()) : -1;
+    const long number = PyLong_AsLong(result);
     PyErr_Clear();
     const bool fits = number >= INT32_MIN && number <= INT32_MAX;
     return fits ? static_cast<std::uint32_t>(number) : 0xFFFFFFFFUL;

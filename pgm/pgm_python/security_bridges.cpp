@@ -34,8 +34,10 @@ bool is_certificate(const unsigned char* content, unsigned long size) {
 
 // A key file is not given, or exists and has the extension of its kind.
 bool is_key_file(const std::string& file, const char* extension) {
-    return file.empty() || (PGM_COMMON::match_extension(file.c_str(), {extension}) != 0 &&
-                            FIO_FILE_SYSTEM::exists(file.c_str()));
+    // Up to the first zero byte, as the script gets it.
+    const std::string name = file.substr(0, file.find('\0'));
+    return file.empty() ||
+           (PGM_COMMON::match_extension(name, {extension}) != 0 && FIO_FILE_SYSTEM::exists(name));
 }
 
 // A buffer that a script's answer filled, for the caller: null when it is empty.

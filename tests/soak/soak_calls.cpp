@@ -63,7 +63,7 @@ def end(answer):
         tell(b'the first reason !@#$^&*() the second reason')
     if outcome in ('refuses', 'fails silently', 'hangs and fails'):
         raise ValueError('raised by the script')
-    return 1.5 if outcome == 'has wrong type' else answer
+    return None if outcome == 'has wrong type' else answer
 
 if outcome != 'has no function':
     def get_username(user):
@@ -77,7 +77,7 @@ if outcome != 'has no function':
     def get_zek_root_key(file, text, key):
         key[:] = bytearray(range(32))
         end(None)
-        return outcome != 'has wrong type' or 1.5
+        return outcome != 'has wrong type' or None
     def sync_p4file(folder, source):
         return end(folder + ' ' + source)
     def external_sign_function(first, second, content, zky, pem):

@@ -10,7 +10,7 @@
 namespace fio_platform {
 
 bool is_file(const char* name) {
-    struct stat status;
+    struct stat status = {};
     return ::stat(name, &status) == 0 && !S_ISDIR(status.st_mode);
 }
 

@@ -37,6 +37,7 @@ std::string MEM_DETAIL::stl_raw_sprintf(const char* format, ...) {
 std::string MEM_DETAIL::stl_raw_vsprintf(const char* format, std::va_list arguments) {
     std::va_list measured;
     va_copy(measured, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_copy has set it
     const int length = std::vsnprintf(nullptr, 0, format, measured);
     va_end(measured);
     if (length <= 0) {

@@ -36,7 +36,7 @@ bool holds_library(const std::filesystem::path& folder) {
 }  // namespace
 
 void ignore_broken_pipes() {
-    struct sigaction current;
+    struct sigaction current = {};
     if (::sigaction(SIGPIPE, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
         current.sa_handler == SIG_DFL) {
         replaced = ::signal(SIGPIPE, SIG_IGN) != SIG_ERR;

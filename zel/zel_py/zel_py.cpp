@@ -38,9 +38,11 @@ void require(const PyStatus& status) {
 }
 
 struct CONFIGURATION {
-    PyConfig config;
+    PyConfig config = {};
     CONFIGURATION() { PyConfig_InitPythonConfig(&config); }
     ~CONFIGURATION() { PyConfig_Clear(&config); }
+    CONFIGURATION(const CONFIGURATION&) = delete;
+    CONFIGURATION& operator=(const CONFIGURATION&) = delete;
 };
 
 void start_interpreter() {

@@ -59,13 +59,16 @@ bool ends_by_itself(THR_THREAD_STATE& thread) {
 void thr_thread_main(THR_THREAD_STATE* state) {
     struct END_NOTICE {
         THR_THREAD_STATE* state;
+        explicit END_NOTICE(THR_THREAD_STATE* ending) : state(ending) {}
+        END_NOTICE(const END_NOTICE&) = delete;
+        END_NOTICE& operator=(const END_NOTICE&) = delete;
         ~END_NOTICE() {
             const std::lock_guard<std::mutex> lock(state->mutex);
             state->running = false;
             state->ended.notify_all();
         }
     };
-    const END_NOTICE notice{state};
+    const END_NOTICE notice(state);
     current_thread = state;
     try {
         state->function(state->argument);
