@@ -70,9 +70,9 @@ ARGUMENT map_argument(const std::map<std::string, std::string>& map) {
     return {[&map](INTERPRETER_SESSION& session) {
         PyObject* const dict = PyDict_New();
         for (const auto& entry : map) {
-            PY_REFERENCE key = PY_REFERENCE::owned(Py_BuildValue("s", entry.first.c_str()));
+            PY_REFERENCE key = PY_REFERENCE::owned(PyUnicode_FromString(entry.first.c_str()));
             PY_REFERENCE value =
-                PY_REFERENCE::owned(key ? Py_BuildValue("s", entry.second.c_str()) : nullptr);
+                PY_REFERENCE::owned(key ? PyUnicode_FromString(entry.second.c_str()) : nullptr);
             if (dict == nullptr || !value || PyDict_SetItem(dict, key.get(), value.get()) != 0) {
                 break;
             }
@@ -107,8 +107,8 @@ BYTES bytes_of_bytearray(PyObject* result) {
     if (result == nullptr || PyByteArray_Check(result) == 0) {
         return {nullptr, 0};
     }
-    return {reinterpret_cast<unsigned char*>(PyByteArray_AsString(result)),
-            static_cast<std::uint32_t>(PyByteArray_Size(result))};
+    return {reinterpret_cast<unsigned char*>(PyByteArray_AS_STRING(result)),
+            static_cast<std::uint32_t>(PyByteArray_GET_SIZE(result))};
 }
 
 std::unique_ptr<unsigned char[]> copy_of(const BYTES& bytes) {

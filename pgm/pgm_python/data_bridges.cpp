@@ -49,10 +49,10 @@ bool convert_chunks(PyObject* result, std::vector<unsigned char>& data) {
     if (PyList_Check(result) == 0) {
         return true;
     }
-    const Py_ssize_t count = PyList_Size(result);
+    const Py_ssize_t count = PyList_GET_SIZE(result);
     std::size_t size = 0;
     for (Py_ssize_t index = 0; index < count; ++index) {
-        PyObject* const chunk = PyList_GetItem(result, index);
+        PyObject* const chunk = PyList_GET_ITEM(result, index);
         require(chunk != nullptr, {"pObj != nullptr", 1433});
         if (PyByteArray_Check(chunk) == 0) {
             return false;
@@ -61,7 +61,7 @@ bool convert_chunks(PyObject* result, std::vector<unsigned char>& data) {
     }
     data.reserve(size);
     for (Py_ssize_t index = 0; index < count; ++index) {
-        append_bytes(data, PyList_GetItem(result, index));
+        append_bytes(data, PyList_GET_ITEM(result, index));
     }
     return true;
 }
