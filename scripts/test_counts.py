@@ -14,9 +14,14 @@ import xml.etree.ElementTree
 def reason_of(case):
     output = case.findtext("system-out") or ""
     found = re.search(r": Skipped\s*\n(.+)|skipped: ([^\\\n]+)|skipped=\d+.*|\bskipped '(.+)'", output)
-    if not found:
-        return "gave no reason"
-    return next(filter(None, found.groups()), found.group(0))
+    if found:
+        return next(filter(None, found.groups()), found.group(0))
+    # Where a library without an interpreter stands in for Python's.
+    if ".pyc doest not exist" in output:
+        return "needs a compiled example script, and there is no Python to compile it"
+    if case.find("skipped").get("message") == "SKIP_RETURN_CODE=77":
+        return "needs a Python for Windows, and none is at hand"
+    return "gave no reason"
 
 
 def main(file):

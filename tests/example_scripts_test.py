@@ -168,7 +168,8 @@ class ScriptTest(unittest.TestCase):
                                str(port or self.listener.port), script] + list(arguments),
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120,
                               env=environment)
-        return done.returncode, done.stdout.decode("utf-8"), done.stderr.decode("utf-8")
+        output, errors = (text.decode("utf-8").replace(os.linesep, "\n") for text in (done.stdout, done.stderr))
+        return done.returncode, output, errors
 
 
 class ReasonsTest(ScriptTest):
@@ -1189,7 +1190,7 @@ class DatabaseTest(ScriptTest):
         return str(caught.exception)
 
     def make_file(self):
-        path = self.path("parts #1?.db")
+        path = self.path("parts #1%.db" if os.name == "nt" else "parts #1?.db")  # "?" is in no name there
         connection = sqlite3.connect(path)
         connection.executescript(read(os.path.join(DATA, "parts.sql")).decode("utf-8"))
         connection.commit()

@@ -226,6 +226,12 @@ struct PROGRAM_RESULT {
 PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment = {});
 
+// NAME=VALUE that lets a program's Python write UTF-8.
+std::string utf8_output_setting();
+
+// Whether a program takes its locale from the environment.
+bool environment_tells_locale();
+
 // Checks that an operation has left nothing behind: the interpreter is finalised, no thread is left
 // of more than there were, the port is free.
 class NOTHING_LEFT_BEHIND {

@@ -188,6 +188,14 @@ bool CLIENT::sees_end_or_reset() const {
     return count == 0 || (count < 0 && errno == ECONNRESET);
 }
 
+std::string utf8_output_setting() {
+    return "LC_ALL=C.UTF-8";
+}
+
+bool environment_tells_locale() {
+    return true;
+}
+
 PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment) {
     std::FILE* const output = std::tmpfile();

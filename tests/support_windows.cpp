@@ -267,6 +267,14 @@ bool CLIENT::sees_end_or_reset() const {
     return count == 0 || (count == SOCKET_ERROR && ::WSAGetLastError() == WSAECONNRESET);
 }
 
+std::string utf8_output_setting() {
+    return "PYTHONIOENCODING=utf-8";
+}
+
+bool environment_tells_locale() {
+    return false;
+}
+
 PROGRAM_RESULT run_program(const std::string& program, const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment) {
     std::wstring command =

@@ -319,8 +319,9 @@ SOAK_CALLS::SOAK_CALLS() {
              unsigned long size = 13;
              const std::string bitstream = "bits";
              const BUFFER changed(PGM_PYTHON_MGR::modify_bitstream(
-                 reinterpret_cast<const unsigned char*>(bitstream.data()), bitstream.size(), size,
-                 "itool", "change_bitstream", {"--argument"}));
+                 reinterpret_cast<const unsigned char*>(bitstream.data()),
+                 static_cast<unsigned long>(bitstream.size()), size, "itool", "change_bitstream",
+                 {"--argument"}));
              return text_of(changed, size) + " " + std::to_string(size);
          },
          "stib--argument 14", "null 13", "null 13", "null 0"});

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "tests/support.h"
+#include "zel/zel_mem/zel_mem.h"
 #include "zel/zel_py/py_reference.h"
 
 namespace {
@@ -43,19 +44,14 @@ double references_to(PyObject* object) {
     return singletons_are_immortal ? -1 : static_cast<double>(Py_REFCNT(object));
 }
 
-std::string formatted(const char* format, double number) {
-    std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), format, number);
-    return text.data();
-}
-
 std::string column(const std::string& text) {
     constexpr std::size_t width = 11;
     return std::string(text.size() < width ? width - text.size() : 1, ' ') + text;
 }
 
 std::string number_text(std::size_t quantity, double number) {
-    return formatted(quantity == READING::memory ? "%.1f" : "%.0f", number / rows[quantity].unit);
+    return MEM_DETAIL::stl_raw_sprintf(quantity == READING::memory ? "%.1f" : "%.0f",
+                                       number / rows[quantity].unit);
 }
 
 std::string why_not_told(std::size_t quantity) {
@@ -85,8 +81,9 @@ std::string READING::table_head() {
 }
 
 std::string READING::table_row(double seconds, int calls, double calls_a_second) const {
-    std::string text = column(formatted("%.0f", seconds)) + column(std::to_string(calls)) +
-                       column(formatted("%.1f", calls_a_second));
+    std::string text = column(MEM_DETAIL::stl_raw_sprintf("%.0f", seconds)) +
+                       column(std::to_string(calls)) +
+                       column(MEM_DETAIL::stl_raw_sprintf("%.1f", calls_a_second));
     for (std::size_t quantity = 0; quantity < quantities; ++quantity) {
         const double number = m_values[quantity];
         text += column(number < 0 ? why_not_told(quantity) : number_text(quantity, number));
