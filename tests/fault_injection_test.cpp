@@ -80,7 +80,7 @@ TEST_P(FaultySetUp, EndsTheListenerAtOnce) {
     EXPECT_EQ(data.text, "old");
 }
 
-INSTANTIATE_TEST_SUITE_P(, FaultySetUp,
+INSTANTIATE_TEST_SUITE_P(Each, FaultySetUp,
                          testing::Values(CALL::start_up, CALL::find_address, CALL::open_socket,
                                          CALL::allow_address_reuse, CALL::bind_to,
                                          CALL::start_listening),
@@ -257,7 +257,7 @@ TEST_P(FaultyCall, LosesTheReasonsOnlyAndLeavesNothing) {
     EXPECT_LT(count_of_open_handles() - handles, rounds - 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(, FaultyCall,
+INSTANTIATE_TEST_SUITE_P(Each, FaultyCall,
                          testing::Combine(testing::ValuesIn(all_calls),
                                           testing::ValuesIn(all_ways)),
                          [](const auto& test) {
