@@ -142,6 +142,10 @@ bool interpreter_is_running();
 // Counts of the process; negative where the platform does not tell.
 int count_of_threads();
 int count_of_open_handles();
+
+// The same from the system's list of the handles of all processes: Wine, which counts 0 in every
+// process, has a right list.
+int count_of_listed_handles();
 int count_of_sockets();
 
 // The memory of the process that is in use now, in bytes; negative where the platform does not

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <map>
 #include <thread>
+#include <vector>
 
 #include "tests/support.h"
 #include "zel/zel_fio/fio_text_windows.h"
@@ -188,6 +189,36 @@ int count_of_threads() {
 int count_of_open_handles() {
     DWORD count = 0;
     return ::GetProcessHandleCount(::GetCurrentProcess(), &count) ? static_cast<int>(count) : -1;
+}
+
+int count_of_listed_handles() {
+    struct LIST {
+        ULONG count;
+        struct {
+            ULONG process;
+            BYTE type;
+            BYTE flags;
+            USHORT value;
+            void* object;
+            ULONG access;
+        } handles[1];
+    };
+    typedef LONG(WINAPI * QUERY)(int kind, void* buffer, ULONG size, ULONG* needed);
+    const auto query = reinterpret_cast<QUERY>(reinterpret_cast<void*>(
+        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    constexpr int list_of_handles = 16;
+    std::vector<unsigned char> buffer(4 * 1024 * 1024);
+    ULONG needed = 0;
+    if (query == nullptr ||
+        query(list_of_handles, buffer.data(), static_cast<ULONG>(buffer.size()), &needed) != 0) {
+        return -1;
+    }
+    const LIST* const list = reinterpret_cast<const LIST*>(buffer.data());
+    int own = 0;
+    for (ULONG index = 0; index < list->count; ++index) {
+        own += list->handles[index].process == ::GetCurrentProcessId() ? 1 : 0;
+    }
+    return own;
 }
 
 // Not told: a socket is a handle like others.
