@@ -58,6 +58,7 @@ TEST(Endurance, TwoThousandMixedCallsLeaveNoThreadNoHandleAndAFreePort) {
     int calls_with_a_taken_port = 0;
     int wrong_results = 0;
     constexpr int mixed_calls = 2000;
+    constexpr int first_calls = 100;
     for (int round = 0; round < mixed_calls; ++round) {
         const BRIDGE& bridge = round % 2 == 0 ? early : late;
         // A failing call that says nothing waits for half a second, so there are fewer of them.
@@ -70,24 +71,19 @@ TEST(Endurance, TwoThousandMixedCallsLeaveNoThreadNoHandleAndAFreePort) {
                 call(bridge, script, round % 8 < 4 ? "succeed" : "succeed_aloud") ? 0 : 1;
         }
         calls_with_a_taken_port += port_is_free() ? 0 : 1;
-        if (round == 9) {
+        if (round == first_calls - 1) {
             threads = count_of_threads();
-            handles = count_of_listed_handles();
+            handles = count_of_open_handles();
         }
     }
     EXPECT_EQ(wrong_results, 0);
     EXPECT_EQ(calls_with_a_taken_port, 0);
     EXPECT_EQ(count_of_threads(), threads);
-    // Python for Windows leaves handles behind in every session, two by Wine's count.
-    const int handles_after = count_of_listed_handles();
-    constexpr int bare_sessions = 50;
-    for (int round = 0; round < bare_sessions; ++round) {
-        const INTERPRETER_SESSION session;
-    }
-    const int left_by_sessions =
-        (count_of_listed_handles() - handles_after) * (mixed_calls - 10) / bare_sessions;
-    constexpr int margin = 100;  // a handle left by each twentieth call
-    EXPECT_LE(handles_after - handles, left_by_sessions + (left_by_sessions == 0 ? 0 : margin));
+    const int handles_left = count_of_open_handles() - handles;
+    constexpr int sessions = 50;
+    constexpr int calls_for_a_session = (mixed_calls - first_calls) / sessions;
+    EXPECT_LE(handles_left,
+              handles_left_by_sessions(sessions, "import _socket") * calls_for_a_session);
 }
 
 TEST(Endurance, OperationsMayBeCalledOneAfterAnotherFromDifferentThreads) {

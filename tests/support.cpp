@@ -197,6 +197,20 @@ bool interpreter_is_running() {
     return Py_IsInitialized() != 0;
 }
 
+int handles_left_by_sessions(int sessions, const char* code) {
+    const auto run_session = [code] {
+        py_initialize();
+        EXPECT_TRUE(py_eval(code));
+        py_finalize();
+    };
+    run_session();  // opens what stays open for all
+    const int before = count_of_open_handles();
+    for (int session = 0; session < sessions; ++session) {
+        run_session();
+    }
+    return count_of_open_handles() - before;
+}
+
 THREADS_BEFORE::THREADS_BEFORE() {
     // A sanitizer's own thread comes with the first one of the process, the test framework's with
     // the first trace.

@@ -7,18 +7,14 @@
 
 #include <cstdint>
 
+#include "tests/pythons_runtime_windows.h"
+
 namespace {
 
 typedef int __cdecl OPEN_OSFHANDLE(std::intptr_t handle, int flags);
 typedef int __cdecl DUP2(int from, int to);
 typedef int __cdecl CLOSE(int descriptor);
 typedef int __cdecl FFLUSH(void* stream);
-
-template <typename FUNCTION>
-FUNCTION* of_pythons_runtime(const char* name) {
-    const HMODULE runtime = ::LoadLibraryW(L"ucrtbase.dll");
-    return reinterpret_cast<FUNCTION*>(reinterpret_cast<void*>(::GetProcAddress(runtime, name)));
-}
 
 void redirect_python(int descriptor) {
     const HANDLE process = ::GetCurrentProcess();

@@ -103,10 +103,6 @@ int count_of_open_handles() {
     return count_entries("/proc/self/fd");
 }
 
-int count_of_listed_handles() {
-    return count_of_open_handles();
-}
-
 int count_of_sockets() {
     int count = 0;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/pythons_runtime_windows.h"
 #include "tests/support.h"
 #include "zel/zel_fio/fio_text_windows.h"
 
@@ -49,14 +50,6 @@ bool bind_and_listen(SOCKET socket) {
            ::listen(socket, 1) == 0;
 }
 
-// The C runtime that Python uses; the program may use another, with an environment and descriptors
-// of its own.
-template <typename FUNCTION>
-FUNCTION* of_pythons_runtime(const char* name) {
-    const HMODULE runtime = ::LoadLibraryW(L"ucrtbase.dll");
-    return reinterpret_cast<FUNCTION*>(reinterpret_cast<void*>(::GetProcAddress(runtime, name)));
-}
-
 typedef int __cdecl WPUTENV_S(const wchar_t* name, const wchar_t* value);
 
 // An empty value unsets, except where only the system itself is asked.
@@ -67,6 +60,38 @@ void set_environment_value(const std::string& name, const char* value) {
     ::_wputenv_s(wide_name.c_str(), wide_value.c_str());
     put_for_python(wide_name.c_str(), wide_value.c_str());
     ::SetEnvironmentVariableW(wide_name.c_str(), value == nullptr ? nullptr : wide_value.c_str());
+}
+
+// The handles of the process in Wine's list of those of all processes; negative where that cannot
+// be read. What Wine tells of a single process is 0.
+int count_of_listed_handles() {
+    struct LIST {
+        ULONG count;
+        struct {
+            ULONG process;
+            BYTE type;
+            BYTE flags;
+            USHORT value;
+            void* object;
+            ULONG access;
+        } handles[1];
+    };
+    typedef LONG(WINAPI * QUERY)(int kind, void* buffer, ULONG size, ULONG* needed);
+    const auto query = reinterpret_cast<QUERY>(reinterpret_cast<void*>(
+        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    constexpr int list_of_handles = 16;
+    std::vector<unsigned char> buffer(4 * 1024 * 1024);
+    ULONG needed = 0;
+    if (query == nullptr ||
+        query(list_of_handles, buffer.data(), static_cast<ULONG>(buffer.size()), &needed) != 0) {
+        return -1;
+    }
+    const LIST* const list = reinterpret_cast<const LIST*>(buffer.data());
+    int own = 0;
+    for (ULONG index = 0; index < list->count; ++index) {
+        own += list->handles[index].process == ::GetCurrentProcessId() ? 1 : 0;
+    }
+    return own;
 }
 
 // One argument as the receiving program takes command lines apart.
@@ -188,37 +213,10 @@ int count_of_threads() {
 
 int count_of_open_handles() {
     DWORD count = 0;
-    return ::GetProcessHandleCount(::GetCurrentProcess(), &count) ? static_cast<int>(count) : -1;
-}
-
-int count_of_listed_handles() {
-    struct LIST {
-        ULONG count;
-        struct {
-            ULONG process;
-            BYTE type;
-            BYTE flags;
-            USHORT value;
-            void* object;
-            ULONG access;
-        } handles[1];
-    };
-    typedef LONG(WINAPI * QUERY)(int kind, void* buffer, ULONG size, ULONG* needed);
-    const auto query = reinterpret_cast<QUERY>(reinterpret_cast<void*>(
-        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
-    constexpr int list_of_handles = 16;
-    std::vector<unsigned char> buffer(4 * 1024 * 1024);
-    ULONG needed = 0;
-    if (query == nullptr ||
-        query(list_of_handles, buffer.data(), static_cast<ULONG>(buffer.size()), &needed) != 0) {
+    if (!::GetProcessHandleCount(::GetCurrentProcess(), &count)) {
         return -1;
     }
-    const LIST* const list = reinterpret_cast<const LIST*>(buffer.data());
-    int own = 0;
-    for (ULONG index = 0; index < list->count; ++index) {
-        own += list->handles[index].process == ::GetCurrentProcessId() ? 1 : 0;
-    }
-    return own;
+    return count > 0 ? static_cast<int>(count) : count_of_listed_handles();
 }
 
 // Not told: a socket is a handle like others.

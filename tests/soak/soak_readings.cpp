@@ -63,7 +63,7 @@ std::string why_not_told(std::size_t quantity) {
 READING READING::now() {
     READING reading;
     reading.m_values[memory] = static_cast<double>(resident_memory());
-    reading.m_values[handles] = count_of_listed_handles();
+    reading.m_values[handles] = count_of_open_handles();
     reading.m_values[threads] = count_of_threads();
     reading.m_values[sockets] = count_of_sockets();
     reading.m_values[trues] = references_to(Py_True);
