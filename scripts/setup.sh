@@ -149,19 +149,45 @@ install_packages() {
     quietly "${as_root[@]}" "${install[@]}" || stop "the packages cannot be installed"
 }
 
-# Installs what is missing and configures the build of the preset. Sets build, the build folder, and
-# python, the interpreter that is linked.
-set_up() {
-    local packages prefix
-    packages=$(missing_packages)
-    if [ -n "$packages" ]; then
+# Installs the packages that a command lists as missing, one a line. What is missing may become known
+# only when something else is there, so the command is asked once more.
+install_missing() {
+    local packages
+    for _ in first second; do
+        packages=$("$@")
+        [ -n "$packages" ] || return 0
         # shellcheck disable=SC2086
         install_packages $packages
         hash -r
-        packages=$(missing_packages)
-        [ -z "$packages" ] || stop "still missing after the installation: $packages"
-    fi
-    choose_python
+    done
+    packages=$("$@")
+    [ -z "$packages" ] || stop "still missing after the installation: $packages"
+}
+
+# Those of the commands that are missing, one a line. Their packages have their names.
+missing_commands() {
+    local command
+    for command in "$@"; do
+        command -v "$command" >/dev/null || printf '%s\n' "$command"
+    done
+}
+
+# Sets tests, passed, skipped and failed to the counts of a file that ctest wrote with --output-junit,
+# and outcomes to a line for each test that was skipped or failed. Fails where the tests did not run.
+count_tests() {
+    local counts
+    counts=$("${python:-python3}" "$project/scripts/test_counts.py" "$1") || return 1
+    # shellcheck disable=SC2034
+    read -r tests passed skipped failed <<<"${counts%%$'\n'*}"
+    # shellcheck disable=SC2034
+    outcomes=$(sed 1d <<<"$counts")
+}
+
+# Configures the build of the preset. Sets build, the build folder, and python, the interpreter that is
+# linked.
+configure() {
+    local prefix
+    choose_python || return 1
     prefix=$(python_prefix "$python")
 
     build=$project/build/$preset
@@ -171,10 +197,17 @@ set_up() {
     echo "Configuring $build"
     # shellcheck disable=SC2086
     (cd "$project" && quietly cmake --preset "$preset" -B "$build" -DPython3_ROOT_DIR="$prefix" \
-        -DPython3_FIND_VIRTUALENV=NEVER ${PGM_PYTHON_CMAKE_ARGUMENTS:-}) ||
-        stop "the build cannot be configured"
+        -DPython3_FIND_VIRTUALENV=NEVER ${PGM_PYTHON_CMAKE_ARGUMENTS:-}) || return 1
     python=$(sed -n 's/^_Python3_EXECUTABLE:INTERNAL=//p' "$build/CMakeCache.txt")
-    [ "$(python_prefix "$python")" = "$prefix" ] ||
-        stop "CMake took the Python $python, not one of $prefix"
+    if [ "$(python_prefix "$python")" != "$prefix" ]; then
+        printf 'CMake took the Python %s, not one of %s\n' "$python" "$prefix" >&2
+        return 1
+    fi
     echo "Python $(python_version "$python"): $python"
+}
+
+# Installs what every build needs and is missing, and configures the build of the preset.
+set_up() {
+    install_missing missing_packages
+    configure || stop "the build cannot be configured"
 }
