@@ -55,12 +55,22 @@ struct OPTIONS {
 constexpr double mib = 1024 * 1024;
 constexpr char program_path[] = "/proc/self/exe";
 
+// Those that can take part, the library first.
+std::vector<std::unique_ptr<CONTESTANT>> make_contestants() {
+    std::vector<std::unique_ptr<CONTESTANT>> contestants;
+    for (const auto make : {make_library, make_hand_written, make_process, make_pybind11}) {
+        if (std::unique_ptr<CONTESTANT> contestant = make()) {
+            contestants.push_back(std::move(contestant));
+        }
+    }
+    return contestants;
+}
+
 // A contestant by its name; null when it cannot take part.
 std::unique_ptr<CONTESTANT> make_contestant(const std::string& name) {
-    for (const auto make : {make_library, make_hand_written, make_process, make_pybind11}) {
-        std::unique_ptr<CONTESTANT> contestant = make();
-        if (contestant != nullptr && contestant->name() == name) {
-            return contestant;
+    for (std::unique_ptr<CONTESTANT>& contestant : make_contestants()) {
+        if (contestant->name() == name) {
+            return std::move(contestant);
         }
     }
     return nullptr;
@@ -108,12 +118,7 @@ std::string ratio_text(const std::vector<double>& values) {
 TABLE time_calls(const OPTIONS& options) {
     TABLE table({"call", "library ms", "by hand ms", "ratio", "quartiles", "process ms", "ratio",
                  "pybind11 ms", "ratio"});
-    std::vector<std::unique_ptr<CONTESTANT>> contestants;
-    for (const auto make : {make_library, make_hand_written, make_process, make_pybind11}) {
-        if (std::unique_ptr<CONTESTANT> contestant = make()) {
-            contestants.push_back(std::move(contestant));
-        }
-    }
+    const std::vector<std::unique_ptr<CONTESTANT>> contestants = make_contestants();
     for (const ROW& row : make_rows()) {
         if (row.name.find(options.filter) == std::string::npos) {
             continue;

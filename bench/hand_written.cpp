@@ -16,8 +16,6 @@
 
 namespace {
 
-enum class CHANNEL { none, early, late };
-
 struct CALL {
     std::string script;
     const char* function;

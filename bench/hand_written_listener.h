@@ -8,6 +8,9 @@
 #include <thread>
 #include <vector>
 
+// Whether a call has a back channel, and from when on.
+enum class CHANNEL { none, early, late };
+
 class HAND_WRITTEN_LISTENER {
 public:
     // Returns when the thread listens.

@@ -13,8 +13,6 @@ namespace py = pybind11;
 
 namespace {
 
-enum class CHANNEL { none, early, late };
-
 // Walks the whole road; `use` gets the script's function, calls it and converts the answer.
 template <typename USE>
 bool call_script(const std::string& script, const char* function, CHANNEL channel,

@@ -41,17 +41,22 @@ HISTORY run_bare_sessions(const SOAK_CALLS& calls, int count) {
     return history;
 }
 
+// Makes a call and prints what is wrong with it; returns whether all is right.
+bool make(const SOAK_CALLS& calls, const SOAK_CALL& call) {
+    const std::string complaint = calls.make(call);
+    if (!complaint.empty()) {
+        std::printf("WRONG: %s\n", complaint.c_str());
+    }
+    return complaint.empty();
+}
+
 // The calls alone, for checkers that make each many times slower and keep memory of their own.
 int call_only(int count, unsigned seed) {
     const SOAK_CALLS calls;
     std::mt19937 random(seed);
     int wrong_calls = 0;
     for (int made = 0; made < count; ++made) {
-        const std::string complaint = calls.make(calls.choose(random));
-        if (!complaint.empty()) {
-            ++wrong_calls;
-            std::printf("WRONG: %s\n", complaint.c_str());
-        }
+        wrong_calls += make(calls, calls.choose(random)) ? 0 : 1;
     }
     std::printf("%d calls with seed %u, %d of them wrong\n", count, seed, wrong_calls);
     return wrong_calls > 0 ? 1 : 0;
@@ -61,17 +66,9 @@ int soak(int count, unsigned seed, int report_every) {
     const SOAK_CALLS calls;
     std::mt19937 random(seed);
     int wrong_calls = 0;
-    const auto make = [&](const SOAK_CALL& call) {
-        const std::string complaint = calls.make(call);
-        if (!complaint.empty()) {
-            ++wrong_calls;
-            std::printf("WRONG: %s\n", complaint.c_str());
-        }
-    };
-
     // What comes to stay with the first call of a kind is no trend.
     for (const SOAK_CALL& call : calls.all()) {
-        make(call);
+        wrong_calls += make(calls, call) ? 0 : 1;
     }
     const int sessions = sessions_for(count);
     run_bare_sessions(calls, sessions / 4);
@@ -83,7 +80,7 @@ int soak(int count, unsigned seed, int report_every) {
     CLOCK::time_point last_report = start;
     int reported = 0;
     for (int made = 1; made <= count; ++made) {
-        make(calls.choose(random));
+        wrong_calls += make(calls, calls.choose(random)) ? 0 : 1;
         const READING reading = READING::now();
         history.add(reading);
         if (made % report_every == 0 || made == count) {

@@ -146,6 +146,19 @@ struct SOAK_CALLS::OPERATION {
     bool posts_failure = false;
     std::string failure_line = "";
     std::string lookup_line = "Fail to find function ";
+
+    OPERATION posting_failure() && {
+        posts_failure = true;
+        return std::move(*this);
+    }
+    OPERATION printing_failure(const std::string& line) && {
+        failure_line = line;
+        return std::move(*this);
+    }
+    OPERATION printing_lookup_failure(const std::string& line) && {
+        lookup_line = line;
+        return std::move(*this);
+    }
 };
 
 void SOAK_CALLS::add(const OPERATION& operation) {
@@ -221,60 +234,32 @@ SOAK_CALLS::SOAK_CALLS() {
     typedef OPERATION OP;
     const std::string common = "pgm_python_common_function";
     const std::string thrown = "an internal error";
-    OPERATION operation = {"get_username",
-                           common,
-                           "get_username",
-                           OP::none,
-                           [] { return PGM_PYTHON_MGR::get_username("name"); },
-                           "user name",
-                           "",
-                           "",
-                           ""};
-    operation.posts_failure = true;
-    add(operation);
-    operation = {"query_opn_enum",
-                 common,
-                 "query_opn_enum",
-                 OP::none,
-                 [] { return PGM_PYTHON_MGR::query_opn_enum(0x80000001UL); },
-                 "name -2147483647",
-                 "",
-                 "",
-                 ""};
-    operation.posts_failure = true;
-    add(operation);
-    operation = {"query_opn_name",
-                 common,
-                 "query_opn_name",
-                 OP::none,
-                 [] { return std::to_string(PGM_PYTHON_MGR::query_opn_name("OPN")); },
-                 "4294967293",
-                 "4294967295",
-                 "4294967295",
-                 "4294967295"};
-    operation.posts_failure = true;
-    add(operation);
+    add(OPERATION{"get_username", common, "get_username", OP::none,
+                  [] { return PGM_PYTHON_MGR::get_username("name"); }, "user name", "", "", ""}
+            .posting_failure());
+    add(OPERATION{"query_opn_enum", common, "query_opn_enum", OP::none,
+                  [] { return PGM_PYTHON_MGR::query_opn_enum(0x80000001UL); }, "name -2147483647",
+                  "", "", ""}
+            .posting_failure());
+    add(OPERATION{"query_opn_name", common, "query_opn_name", OP::none,
+                  [] { return std::to_string(PGM_PYTHON_MGR::query_opn_name("OPN")); },
+                  "4294967293", "4294967295", "4294967295", "4294967295"}
+            .posting_failure());
     for (const bool continuous : {false, true}) {
-        operation = {continuous ? "read_mif, continuous" : "read_mif",
-                     common,
-                     "read_mif",
-                     OP::none,
-                     [continuous] {
-                         unsigned long width = 11;
-                         unsigned long depth = 12;
-                         unsigned long size = 13;
-                         const BUFFER image(
-                             PGM_PYTHON_MGR::read_mif("some.mif", continuous, width, depth, size));
-                         return text_of(image, size) + " " + std::to_string(width) + " " +
-                                std::to_string(depth) + " " + std::to_string(size);
-                     },
-                     continuous ? "some.mif 1 7 8" : "some.mif 0 7 8",
-                     "null 11 12 13",
-                     "null 11 12 13",
-                     thrown,
-                     internal_error("return_size == 3", 676)};
-        operation.posts_failure = true;
-        add(operation);
+        add(OPERATION{continuous ? "read_mif, continuous" : "read_mif", common, "read_mif",
+                      OP::none,
+                      [continuous] {
+                          unsigned long width = 11;
+                          unsigned long depth = 12;
+                          unsigned long size = 13;
+                          const BUFFER image(
+                              PGM_PYTHON_MGR::read_mif("some.mif", continuous, width, depth, size));
+                          return text_of(image, size) + " " + std::to_string(width) + " " +
+                                 std::to_string(depth) + " " + std::to_string(size);
+                      },
+                      continuous ? "some.mif 1 7 8" : "some.mif 0 7 8", "null 11 12 13",
+                      "null 11 12 13", thrown, internal_error("return_size == 3", 676)}
+                .posting_failure());
     }
     add({"generate_compact_cert", "compact_cert_sign", "external_sign_function", OP::late,
          [] {
@@ -335,49 +320,26 @@ SOAK_CALLS::SOAK_CALLS() {
             return std::string(data.begin(), data.end()) + " " + std::to_string(size);
         };
     };
-    operation = {"get_nwfmt_data, chunks",
-                 "network_format",
-                 "get_bram_chunks",
-                 OP::late,
-                 extract("get_bram_chunks"),
-                 "one value two value 13",
-                 " 13",
-                 " 13",
-                 " 13"};
-    operation.failure_line = "Fail to call nwfmt function";
-    add(operation);
-    operation = {"get_nwfmt_data, hash",
-                 "network_format",
-                 "get_xcvr_hash_and_size",
-                 OP::late,
-                 extract("get_xcvr_hash_and_size"),
-                 "one  1",
-                 " 13",
-                 " 13",
-                 thrown,
-                 internal_error("list_size == 2", 1443)};
-    operation.failure_line = "Fail to call nwfmt function";
-    add(operation);
+    add(OPERATION{"get_nwfmt_data, chunks", "network_format", "get_bram_chunks", OP::late,
+                  extract("get_bram_chunks"), "one value two value 13", " 13", " 13", " 13"}
+            .printing_failure("Fail to call nwfmt function"));
+    add(OPERATION{"get_nwfmt_data, hash", "network_format", "get_xcvr_hash_and_size", OP::late,
+                  extract("get_xcvr_hash_and_size"), "one  1", " 13", " 13", thrown,
+                  internal_error("list_size == 2", 1443)}
+            .printing_failure("Fail to call nwfmt function"));
     add({"generate_rim", "rim_generator", "external_make_rim_function", OP::early,
          [] { return text_of(PGM_PYTHON_MGR::generate_rim("raw.rbf", "family", 3, "out.rim")); },
          "true", "false", "false", "true"});
-    operation = {"execute_mysql",
-                 "mysql",
-                 "mysql",
-                 OP::none,
-                 [] {
-                     bool found = false;
-                     const std::string answer =
-                         PGM_PYTHON_MGR::execute_mysql({"select", "everything"}, found);
-                     return answer + " " + text_of(found);
-                 },
-                 "select everything true",
-                 " true",
-                 " true",
-                 " true"};
-    operation.failure_line = "Fail to call mysql function";
-    operation.lookup_line = "Fail to find mysql function";
-    add(operation);
+    add(OPERATION{"execute_mysql", "mysql", "mysql", OP::none,
+                  [] {
+                      bool found = false;
+                      const std::string answer =
+                          PGM_PYTHON_MGR::execute_mysql({"select", "everything"}, found);
+                      return answer + " " + text_of(found);
+                  },
+                  "select everything true", " true", " true", " true"}
+            .printing_failure("Fail to call mysql function")
+            .printing_lookup_failure("Fail to find mysql function"));
     add({"sync_p4file", common, "sync_p4file", OP::late,
          [] { return PGM_PYTHON_MGR::sync_p4file("folder", "//depot/file"); },
          "folder //depot/file", "", "", ""});
