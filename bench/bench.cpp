@@ -68,12 +68,13 @@ std::vector<std::unique_ptr<CONTESTANT>> make_contestants() {
 
 // A contestant by its name; null when it cannot take part.
 std::unique_ptr<CONTESTANT> make_contestant(const std::string& name) {
+    std::unique_ptr<CONTESTANT> named;
     for (std::unique_ptr<CONTESTANT>& contestant : make_contestants()) {
         if (contestant->name() == name) {
-            return std::move(contestant);
+            named = std::move(contestant);
         }
     }
-    return nullptr;
+    return named;
 }
 
 // Makes the benchmarks' installation the one in force, and the interpreter "python3" on PATH.
