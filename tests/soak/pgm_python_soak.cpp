@@ -66,6 +66,7 @@ int soak(int count, unsigned seed, int report_every) {
     const SOAK_CALLS calls;
     std::mt19937 random(seed);
     int wrong_calls = 0;
+
     // What comes to stay with the first call of a kind is no trend.
     for (const SOAK_CALL& call : calls.all()) {
         wrong_calls += make(calls, call) ? 0 : 1;
