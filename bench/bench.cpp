@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "bench/contestant.h"
+#include "bench/kinds.h"
 #include "bench/process.h"
 #include "bench/rounds.h"
 #include "bench/rows.h"
@@ -462,9 +463,21 @@ int run(const OPTIONS& options) {
     std::ostringstream machine;
     print_machine(machine, options);
     std::cerr << machine.str();
-    const std::vector<TABLE> tables = {time_calls(options), cost_of_bytes(options),
-                                       measure_peaks(options), time_hex_text(options),
-                                       time_later_calls(options)};
+    std::vector<TABLE> tables = {time_calls(options), cost_of_bytes(options),
+                                 measure_peaks(options), time_hex_text(options),
+                                 time_later_calls(options)};
+    struct ABOUT_KINDS {
+        const char* name;
+        TABLE (*make)(bool quick);
+    };
+    for (const ABOUT_KINDS& about :
+         {ABOUT_KINDS{"kinds", time_kinds}, ABOUT_KINDS{"threads", time_threads},
+          ABOUT_KINDS{"pth", cost_of_pth_files}}) {
+        if (std::string(about.name).find(options.filter) != std::string::npos) {
+            std::cerr << about.name << '\n';
+            tables.push_back(about.make(options.quick));
+        }
+    }
     std::ostringstream text;
     text << machine.str();
     for (const TABLE& table : tables) {

@@ -215,10 +215,11 @@ public:
             {common_folder() + "/python/compact_cert_sign.pyc", "external_sign_function",
              CHANNEL::late},
             [&] {
-                return tuple_of({number(first_number), number(second_number),
-                                 text(PGM_COMMON::convert_byte_array_to_standard_hex_string(
-                                     content.data(), content.size(), true, false)),
-                                 text(""), text("")});
+                return tuple_of(
+                    {number(first_number), number(second_number),
+                     text(PGM_COMMON::convert_byte_array_to_standard_hex_string(
+                         const_cast<unsigned char*>(content.data()), content.size(), true, false)),
+                     text(""), text("")});
             },
             [&](PyObject* result) { certificate = copy_of(result); });
         return certificate;

@@ -99,14 +99,15 @@ public:
     BUFFER generate_compact_cert(unsigned long first_number, unsigned long second_number,
                                  const std::vector<unsigned char>& content) override {
         BUFFER certificate;
-        call_script(common_folder() + "/python/compact_cert_sign.pyc", "external_sign_function",
-                    CHANNEL::late, false, [&](const py::object& function) {
-                        certificate = copy_of(function(
-                            static_cast<int>(first_number), static_cast<int>(second_number),
-                            PGM_COMMON::convert_byte_array_to_standard_hex_string(
-                                content.data(), content.size(), true, false),
-                            "", ""));
-                    });
+        call_script(
+            common_folder() + "/python/compact_cert_sign.pyc", "external_sign_function",
+            CHANNEL::late, false, [&](const py::object& function) {
+                certificate = copy_of(function(
+                    static_cast<int>(first_number), static_cast<int>(second_number),
+                    PGM_COMMON::convert_byte_array_to_standard_hex_string(
+                        const_cast<unsigned char*>(content.data()), content.size(), true, false),
+                    "", ""));
+            });
         return certificate;
     }
 

@@ -20,6 +20,12 @@ add_library(pgm_python_python INTERFACE)
 target_include_directories(pgm_python_python SYSTEM INTERFACE ${Python3_INCLUDE_DIRS})
 target_link_libraries(pgm_python_python INTERFACE ${Python3_LIBRARIES})
 
+# What serialises. The headers are copied to a folder of their own, because those around them may be
+# another system's.
+file(COPY ${PGM_PYTHON_CEREAL_HEADERS}/cereal DESTINATION ${PROJECT_BINARY_DIR}/cereal)
+add_library(pgm_python_cereal INTERFACE)
+target_include_directories(pgm_python_cereal SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/cereal)
+
 if(WIN32)
   set(PGM_PYTHON_PLATFORM windows)
   set(CMAKE_SHARED_LIBRARY_PREFIX "")
@@ -44,7 +50,10 @@ function(pgm_python_library name)
   target_include_directories(${name} INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
                                                $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:pgm_python_options> ${arg_LINKS})
-  install(TARGETS ${name} EXPORT pgm_python_targets)
+  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  install(TARGETS ${name} EXPORT pgm_python_targets
+          LIBRARY NAMELINK_COMPONENT development
+          ARCHIVE COMPONENT development)
   file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
-  install(FILES ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+  install(FILES ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder} COMPONENT development)
 endfunction()

@@ -66,7 +66,7 @@ choose_python() {
 }
 
 # The CMake packages that the build looks for, and the Debian package of each.
-declare -A cmake_packages=([CLI11]=libcli11-dev [GTest]=libgtest-dev)
+declare -A cmake_packages=([CLI11]=libcli11-dev [cereal]=libcereal-dev [GTest]=libgtest-dev)
 
 # Which of them are not found, by the Debian package of each.
 missing_cmake_packages() {
@@ -114,6 +114,7 @@ missing_packages() {
     choose_python || printf '%s\n' python3 python3-dev
     command -v git >/dev/null || echo git
     command -v openssl >/dev/null || echo openssl
+    command -v pkg-config >/dev/null || echo pkg-config
 }
 
 # Runs a command and shows what it prints only when it fails.

@@ -1,4 +1,5 @@
 #include "pgm/pgm_python/back_channel.h"
+#include "pgm/pgm_python/call_completion.h"
 
 #include <gtest/gtest.h>
 
@@ -45,6 +46,25 @@ TEST(Listener, TheTextOfAClientIsKept) {
     listener.wait();
     EXPECT_TRUE(listener.data.received);
     EXPECT_EQ(listener.data.text, "why it failed");
+}
+
+TEST(Listener, ListensAtEveryAddressOfTheMachine) {
+    LISTENER listener;
+    const CLIENT client(0x7F010203);
+    ASSERT_TRUE(client.connected());
+    client.send("to 127.1.2.3");
+    listener.wait();
+    EXPECT_EQ(listener.data.text, "to 127.1.2.3");
+}
+
+TEST(Listener, AsManyClientsMayWaitAsTheSystemAllows) {
+    const LISTENER listener;
+    const BACKLOG found = backlog();
+    if (found.listening < 0 || found.most < 0) {
+        GTEST_SKIP() << "the platform does not tell";
+    }
+    EXPECT_GT(found.most, 1);
+    EXPECT_EQ(found.listening, found.most);
 }
 
 TEST(Listener, EarlierTextIsReplaced) {
@@ -209,7 +229,7 @@ TEST(BackChannel, WithoutAPortTheCallGoesOnWithoutReasons) {
     RECORDING_RECEIVER receiver;
     BACK_CHANNEL back_channel;
     back_channel.start();
-    back_channel.complete(false, "f", "m");
+    complete_python_call(false, back_channel, "f", "m");
     EXPECT_EQ(receiver.reports,
               std::vector<std::string>{"error 20351: Fail to execute function f in file m"});
 }

@@ -1,10 +1,13 @@
 #include "pgm/pgm_python/bridge_call.h"
+#include "pgm/pgm_python/call_completion.h"
+#include "pgm/pgm_python/python_values.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 
 #include "tests/support.h"
 
@@ -112,7 +115,8 @@ TEST(CompletePythonCall, AListenerThatStillWaitsIsTerminatedAfterHalfASecond) {
     RECORDING_RECEIVER receiver;
     BACK_CHANNEL back_channel;
     back_channel.start();
-    const double time = milliseconds_of([&] { back_channel.complete(false, "f", "m"); });
+    const double time =
+        milliseconds_of([&] { complete_python_call(false, back_channel, "f", "m"); });
     EXPECT_GE(time, 490);
     EXPECT_LT(time, 1500);
     EXPECT_EQ(receiver.reports, (REPORTS{"error 20351: Fail to execute function f in file m"}));
@@ -123,7 +127,7 @@ TEST(CompletePythonCall, TheListenerOfASuccessfulCallIsTerminatedAtOnce) {
     const NOTHING_LEFT_BEHIND before;
     BACK_CHANNEL back_channel;
     back_channel.start();
-    EXPECT_LT(milliseconds_of([&] { back_channel.complete(true, "f", "m"); }), 90);
+    EXPECT_LT(milliseconds_of([&] { complete_python_call(true, back_channel, "f", "m"); }), 90);
     before.check();
 }
 
@@ -144,16 +148,13 @@ protected:
 
     std::string call_script(const BRIDGE& bridge, const char* script, const std::string& function) {
         const std::string given = "given";
-        std::string answer = "no answer";
         BRIDGE_CALL road(bridge, common_script(script), function);
         road.set_script_arguments({"--option", "two words"});
         road.expect_tuple({"pArgs", 1});
         road.add_argument(text_argument(given), {"pArg", 2}, {"place", 3});
-        success = road.run([&](PyObject* result) {
-            answer = text_of_str(result);
-            return true;
-        });
-        return answer;
+        const ANSWER answer = road.run(ANSWER_FORM::KIND::text);
+        success = answer.success;
+        return success ? answer.text : "no answer";
     }
 
     TEST_INSTALLATION installation;
@@ -215,7 +216,8 @@ TEST_F(Road, AnArgumentThatCannotBeMadeIsAnInternalErrorAndLeavesNothing) {
         BRIDGE_CALL road(bridge, common_script("%s/python/road.py"), "f");
         road.expect_tuple({"pArgs", 1});
         road.add_argument(text_argument(bad), {"pArg != NULL", 2}, {"place", 3});
-        EXPECT_EQ(thrown_by([&] { road.run(ignore_result); }), internal_error("pArg != NULL", 2));
+        EXPECT_EQ(thrown_by([&] { road.run(ANSWER_FORM::KIND::ignored); }),
+                  internal_error("pArg != NULL", 2));
         before.check();
     }
     EXPECT_EQ(call(plain, "def f(text):\n    return 'next'\n"), "next");
@@ -226,7 +228,7 @@ TEST_F(Road, AnInternalErrorInTheConversionLeavesNothing) {
     for (const BRIDGE& bridge : {plain, early, late}) {
         BRIDGE_CALL road(bridge, common_script("%s/python/road.py"), "f");
         EXPECT_EQ(thrown_by([&] {
-                      road.run([](PyObject*) -> bool { fail({"return_size == 3", 676}); });
+                      road.run({ANSWER_FORM::KIND::items, {"return_size == 3", 676}, {}, {}, 3});
                   }),
                   internal_error("return_size == 3", 676));
         before.check();
@@ -297,7 +299,7 @@ TEST_F(Road, AModuleNameThatIsNoTextIsReported) {
     }
     BRIDGE_CALL road(plain, script, "f");
     testing::internal::CaptureStderr();
-    EXPECT_FALSE(road.run(ignore_result));
+    EXPECT_FALSE(road.run(ANSWER_FORM::KIND::ignored).success);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("UnicodeDecodeError"), std::string::npos);
     EXPECT_EQ(receiver.reports, (REPORTS{"error: Fail to convert module name \xFF to PyObject"}));
     before.check();
@@ -385,10 +387,10 @@ TEST_F(Road, AnEarlyListenerIsStartedBeforeTheScriptIsLookedFor) {
     before.check();
 }
 
-// Notes whether the interpreter runs when a message is posted.
+// Notes whether the call still has the interpreter when a message is posted.
 struct POST_LOOKER : RECORDING_RECEIVER {
     void post(unsigned long number, const std::string& text) override {
-        running.push_back(interpreter_is_running());
+        running.push_back(interpreter_is_running() && PyGILState_Check() != 0);
         RECORDING_RECEIVER::post(number, text);
     }
     std::vector<bool> running;
@@ -401,12 +403,14 @@ TEST_F(Road, AnEarlyListenerIsCompletedAfterTheInterpreterIsFinalised) {
 }
 
 TEST_F(Road, ALateListenerIsCompletedWhileTheInterpreterRuns) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     POST_LOOKER looker;
     call(late, failing);
     EXPECT_EQ(looker.running, std::vector<bool>{true});
 }
 
 TEST_F(Road, ABridgeThatPostsItselfDoesSoWhileTheInterpreterRuns) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     POST_LOOKER looker;
     call(posting, failing);
     EXPECT_EQ(looker.running, std::vector<bool>{true});
@@ -472,9 +476,10 @@ TEST_F(Road, AClientThatHangsDoesNotHoldTheCall) {
 TEST_F(Road, SocketsAreNotInheritedByProcessesThatAScriptStarts) {
     // The child outlives the call; were the listening socket its own, the port would stay taken.
     call(early,
-         "import subprocess, sys\n"
+         "import os, subprocess, sys\n"
          "def f(text):\n"
-         "    subprocess.Popen([sys.executable, '-c', 'import time; time.sleep(3)'],\n"
+         "    python = sys.executable if os.name == 'posix' else sys.base_prefix + '/python.exe'\n"
+         "    subprocess.Popen([python, '-c', 'import time; time.sleep(3)'],\n"
          "                     close_fds=False, stdin=subprocess.DEVNULL)\n"
          "    return ''\n");
     EXPECT_TRUE(success);
@@ -503,12 +508,13 @@ TEST(Conversions, NumbersAreSigned32BitOnTheWayIn) {
     INTERPRETER_SESSION session;
     for (const ROW& row : {ROW{0, 0}, ROW{0x7FFFFFFF, 2147483647L},
                            ROW{0x80000000UL, -2147483647L - 1}, ROW{0xFFFFFFFFUL, -1}}) {
-        const PY_REFERENCE made = PY_REFERENCE::owned(number_argument(row.number).make(session));
+        const PY_REFERENCE made =
+            PY_REFERENCE::owned(make_object(number_argument(row.number), session));
         EXPECT_EQ(PyLong_AsLong(made.get()), row.seen);
     }
     if (sizeof(unsigned long) > 4) {
         const unsigned long wide = static_cast<unsigned long>(0x1234567890ULL);
-        const PY_REFERENCE made = PY_REFERENCE::owned(number_argument(wide).make(session));
+        const PY_REFERENCE made = PY_REFERENCE::owned(make_object(number_argument(wide), session));
         EXPECT_EQ(PyLong_AsLong(made.get()), 0x34567890L);
     }
 }

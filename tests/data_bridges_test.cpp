@@ -19,6 +19,12 @@ std::string state() {
            (port_is_free() ? "" : ", listener");
 }
 
+// The state of this process while a call's interpreter runs, which a worker has in a process of its
+// own.
+std::string running() {
+    return calls_are_in_process() ? "interpreter" : "no interpreter";
+}
+
 // Notes the state at each report.
 class LOOKING_RECEIVER : public RECORDING_RECEIVER {
 public:
@@ -321,6 +327,7 @@ TEST_F(NetworkFormat, AnItemThatIsNoBytearrayMakesAFailedCall) {
 }
 
 TEST_F(NetworkFormat, AMissingItemIsAnInternalError) {
+    SKIP_UNLESS_IN_PROCESS("the hooks of this process are not there");
     struct ROW {
         const char* function;
         const char* items;
@@ -410,10 +417,20 @@ TEST_F(NetworkFormat, ATextThatIsNotUtf8IsAnInternalError) {
     second.text_1 = "\xFF";
     EXPECT_EQ(thrown_by([&] { call(second); }), internal_error("pArg != nullptr", 449));
     // No listener was started before the tuple was built.
-    EXPECT_EQ(receiver.states, (REPORTS(3, "interpreter")));
+    EXPECT_EQ(receiver.states, (REPORTS(3, running())));
     EXPECT_EQ(call(), "");
     EXPECT_EQ(receiver.reports.size(), 3U);
     before.check();
+}
+
+TEST_F(NetworkFormat, EachItemIsPlacedBeforeTheNextIsMade) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
+    install_body("return []");
+    REQUEST request;
+    request.text_2 = "\xFF";
+    const UNFINISHED_TUPLE looker(6);
+    EXPECT_TRUE(contains(thrown_by([&] { call(request); }), "line 476]"));
+    EXPECT_EQ(looker.items, 3);
 }
 
 TEST_F(NetworkFormat, AnArgumentThatCannotBeMadeIsReportedBeforeAMissingFunction) {
@@ -533,7 +550,7 @@ TEST_F(NetworkFormat, AFileThatIsNoScriptIsAnInternalErrorOfTheSession) {
     before.check();
     request.file = ".py";
     EXPECT_EQ(thrown_by([&] { call(request); }), internal_error("filename.size()", 1400));
-    EXPECT_EQ(receiver.states, (REPORTS(2, "interpreter")));
+    EXPECT_EQ(receiver.states, (REPORTS(2, running())));
     before.check();
 }
 
@@ -574,7 +591,7 @@ TEST_F(NetworkFormat, AScriptThatCannotBeLoadedIsNotCompleted) {
     EXPECT_EQ(size_out, untouched);
 
     written_by([&] { call(); });
-    EXPECT_EQ(receiver.states, (REPORTS{"interpreter"}));
+    EXPECT_EQ(receiver.states, (REPORTS{running()}));
 }
 
 TEST_F(NetworkFormat, AMissingFunctionIsNotCompleted) {
@@ -584,7 +601,7 @@ TEST_F(NetworkFormat, AMissingFunctionIsNotCompleted) {
     EXPECT_EQ(size_out, untouched);
     written_by([&] { call(REQUEST("get_xcvr_hash_and_size")); });
     EXPECT_EQ(receiver.reports, (REPORTS{"error: Fail to find function get_xcvr_hash_and_size"}));
-    EXPECT_EQ(receiver.states, (REPORTS{"interpreter"}));
+    EXPECT_EQ(receiver.states, (REPORTS{running()}));
     before.check();
 }
 
@@ -603,7 +620,7 @@ TEST_F(NetworkFormat, AModuleNameThatIsNoTextIsReported) {
     const std::string text = written_by([&] { EXPECT_EQ(call(request), ""); });
     EXPECT_TRUE(contains(text, "UnicodeDecodeError")) << text;
     EXPECT_EQ(receiver.reports, (REPORTS{"error: Fail to convert module name \xFF to PyObject"}));
-    EXPECT_EQ(receiver.states, (REPORTS{"interpreter"}));
+    EXPECT_EQ(receiver.states, (REPORTS{running()}));
     before.check();
 }
 
@@ -626,9 +643,9 @@ TEST_F(NetworkFormat, AFailedCallIsCompletedWhileTheInterpreterRuns) {
     written_by([&] { call(); });
     // The line comes before the listener is ended.
     ASSERT_EQ(receiver.states.size(), 3U);
-    EXPECT_EQ(receiver.states[0].substr(0, 11), "interpreter");
-    EXPECT_EQ(receiver.states[1], "interpreter");
-    EXPECT_EQ(receiver.states[2], "interpreter");
+    EXPECT_EQ(receiver.states[0].substr(0, running().size()), running());
+    EXPECT_EQ(receiver.states[1], running());
+    EXPECT_EQ(receiver.states[2], running());
 }
 
 TEST_F(NetworkFormat, TheLineOfAFailedCallIsPrintedBeforeTheListenerIsEnded) {
@@ -637,7 +654,7 @@ TEST_F(NetworkFormat, TheLineOfAFailedCallIsPrintedBeforeTheListenerIsEnded) {
     EXPECT_EQ(receiver.reports,
               (REPORTS{"error: Fail to call nwfmt function",
                        "error 20351: Fail to execute function get_bram_chunks in file nw"}));
-    EXPECT_EQ(receiver.states, (REPORTS{"interpreter, listener", "interpreter"}));
+    EXPECT_EQ(receiver.states, (REPORTS{running() + ", listener", running()}));
 }
 
 TEST_F(NetworkFormat, AScriptThatLeavesHasFailed) {
@@ -886,11 +903,20 @@ TEST_F(Manifest, ATextThatIsNotUtf8IsAnInternalErrorInTheOrderOfTheArguments) {
                       PGM_PYTHON_MGR::generate_rim(row.rbf_file, row.family, 1, row.output_file);
                   }),
                   internal_error(row.text, row.line));
-        EXPECT_EQ(receiver.states, (REPORTS{"interpreter, listener"}));
+        EXPECT_EQ(receiver.states, (REPORTS{running() + ", listener"}));
         before.check();
     }
     EXPECT_TRUE(call());
     EXPECT_EQ(notes(), "called; ");
+}
+
+TEST_F(Manifest, EveryItemIsMadeBeforeAnyIsPlaced) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
+    install_body("return None");
+    const UNFINISHED_TUPLE looker(4);
+    EXPECT_EQ(thrown_by([] { PGM_PYTHON_MGR::generate_rim("in.rbf", "family", 1, "\xFF"); }),
+              internal_error("pArg3 != nullptr", 1546));
+    EXPECT_EQ(looker.items, 0);
 }
 
 TEST_F(Manifest, TheListenerIsThereAsTheScriptIsLoaded) {
@@ -931,7 +957,7 @@ TEST_F(Manifest, AScriptThatCannotBeLoadedIsCompletedWithItsReasons) {
         written_with_reports_by([&] { EXPECT_FALSE(call()); }));
     written_by([&] { EXPECT_FALSE(call()); });
     ASSERT_EQ(receiver.states.size(), 3U);
-    EXPECT_EQ(receiver.states[0].substr(0, 11), "interpreter");
+    EXPECT_EQ(receiver.states[0].substr(0, running().size()), running());
     EXPECT_EQ(receiver.states[1], "no interpreter");
     EXPECT_EQ(receiver.states[2], "no interpreter");
     before.check();
@@ -1012,6 +1038,37 @@ TEST_F(Database, AMissingScriptIsToldByFoundAlone) {
     EXPECT_TRUE(found);
 }
 
+#if !defined(_WIN32)
+
+// The flags with which the unshipped programmer folder was asked for.
+std::vector<bool> unshipped_flags;
+
+}  // namespace
+
+// The linker puts this one in the place of PGM_COMMON::pgm_get_unshipped_programmer.
+extern "C" std::string __real__ZN10PGM_COMMON28pgm_get_unshipped_programmerB5cxx11Eb(bool internal);
+extern "C" std::string __wrap__ZN10PGM_COMMON28pgm_get_unshipped_programmerB5cxx11Eb(
+    bool internal) {
+    unshipped_flags.push_back(internal);
+    return __real__ZN10PGM_COMMON28pgm_get_unshipped_programmerB5cxx11Eb(internal);
+}
+
+namespace {
+
+TEST_F(Database, TheScriptsFolderIsAskedForAsAnInternalOne) {
+    SKIP_UNLESS_IN_PROCESS("the host asks for the folders of the search path, too");
+    unshipped_flags.clear();
+    bool was_found = true;
+    PGM_PYTHON_MGR::execute_mysql({}, was_found);
+    EXPECT_EQ(unshipped_flags, (std::vector<bool>{true}));
+    unshipped_flags.clear();
+    install_answer("'x'");
+    EXPECT_EQ(call(), "x");
+    EXPECT_EQ(unshipped_flags, (std::vector<bool>{true}));
+}
+
+#endif
+
 TEST_F(Database, TheFunctionGetsNoArguments) {
     EXPECT_EQ(seen("(a, b)", {"x"}), "((), {})");
     EXPECT_TRUE(receiver.reports.empty());
@@ -1073,7 +1130,7 @@ TEST_F(Database, ACallThatRaisesIsReportedAfterItsTraceback) {
         written_with_reports_by([&] { EXPECT_EQ(call(), ""); }));
     EXPECT_TRUE(found);
     written_by([&] { call(); });
-    EXPECT_EQ(receiver.states, (REPORTS{"interpreter"}));
+    EXPECT_EQ(receiver.states, (REPORTS{running()}));
     before.check();
 }
 
@@ -1118,7 +1175,7 @@ TEST_F(Database, AnEmptyArgumentIsAnInternalErrorWithFoundSet) {
               }),
               internal_error("Argument at index 1 cannot be empty string", 1680));
     EXPECT_TRUE(found);
-    EXPECT_EQ(receiver.states, (REPORTS{"interpreter"}));
+    EXPECT_EQ(receiver.states, (REPORTS{running()}));
     before.check();
     // The check goes on when its report returns.
     receiver.returns_from_internal_errors = true;
@@ -1233,8 +1290,17 @@ TEST_F(Depot, ATextThatIsNotUtf8IsAnInternalErrorWhileTheListenerListens) {
     EXPECT_EQ(thrown_by([] { PGM_PYTHON_MGR::sync_p4file("folder", "\xFF"); }),
               internal_error("pArg1 != NULL", 963));
     before.check();
-    EXPECT_EQ(receiver.states, (REPORTS(2, "interpreter, listener")));
+    EXPECT_EQ(receiver.states, (REPORTS(2, running() + ", listener")));
     EXPECT_EQ(call(), "next");
+}
+
+TEST_F(Depot, EveryItemIsMadeBeforeAnyIsPlaced) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
+    install_body("return ''");
+    const UNFINISHED_TUPLE looker(2);
+    EXPECT_EQ(thrown_by([] { PGM_PYTHON_MGR::sync_p4file("folder", "\xFF"); }),
+              internal_error("pArg1 != NULL", 963));
+    EXPECT_EQ(looker.items, 0);
 }
 
 TEST_F(Depot, TheFunctionIsLookedUpBeforeTheArgumentsAreMade) {
@@ -1262,7 +1328,7 @@ TEST_F(Depot, ACallThatRaisesPostsItsReasonsWhileTheInterpreterRunsAndPrintsNoth
     EXPECT_EQ(receiver.reports, (REPORTS{"error 20351: Fail to execute function sync_p4file in "
                                          "file pgm_python_common_function",
                                          "error 20353: first", "error 20353: second"}));
-    EXPECT_EQ(receiver.states, (REPORTS(3, "interpreter")));
+    EXPECT_EQ(receiver.states, (REPORTS(3, running())));
     before.check();
 }
 
@@ -1282,7 +1348,7 @@ TEST_F(Depot, AScriptThatCannotBeLoadedIsNotCompleted) {
         "ValueError: at import\nerror: Fail to load module pgm_python_common_function\n",
         written_with_reports_by([&] { EXPECT_EQ(call(), ""); }));
     written_by([&] { call(); });
-    EXPECT_EQ(receiver.states, (REPORTS{"interpreter"}));
+    EXPECT_EQ(receiver.states, (REPORTS{running()}));
     before.check();
 }
 
@@ -1291,7 +1357,7 @@ TEST_F(Depot, AMissingFunctionIsNotCompleted) {
     const std::string text = written_with_reports_by([&] { EXPECT_EQ(call(), ""); });
     expect_exception_and("AttributeError", "error: Fail to find function sync_p4file\n", text);
     written_by([&] { call(); });
-    EXPECT_EQ(receiver.states, (REPORTS{"interpreter"}));
+    EXPECT_EQ(receiver.states, (REPORTS{running()}));
     before.check();
 }
 
@@ -1318,6 +1384,39 @@ TEST_F(Depot, TheTupleIsReleasedAfterTheCompletionAndBeforeTheFunction) {
             "    return Function()\n");
     call();
     EXPECT_EQ(notes(), "no listener, text 0; ");
+    before.check();
+}
+
+TEST_F(Depot, TupleFunctionModuleAndNameAreReleasedInThisOrder) {
+    install(tools() +
+            "import types\n"
+            // What is here beside the call's own references stays as it is.
+            "def held(): return 'text %d, name %d' % (sys.getrefcount(text) - 2,\n"
+            "                                         sys.getrefcount(name) - others)\n"
+            "class Function:\n"
+            "    def __call__(self, *a):\n"
+            "        global text, others\n"
+            "        text = a[0]\n"
+            "        del sys.modules[name]\n"
+            "        others = sys.getrefcount(name) - 1\n"
+            "        return ''\n"
+            "    def __del__(self): note('function, ' + held())\n"
+            "class Module(types.ModuleType):\n"
+            "    def __getattr__(self, attribute):\n"
+            "        if attribute != 'sync_p4file':\n"
+            "            raise AttributeError(attribute)\n"
+            "        return Function()\n"
+            "    def __del__(self): note('module, ' + held())\n"
+            "name = __name__\n"
+            "others = text = None\n"
+            "sys.modules[name] = Module('stand-in')\n"
+            "import atexit\n"
+            "atexit.register(lambda: note('end, ' + held()))\n");
+    call();
+#if PY_VERSION_HEX >= 0x030C0000
+    GTEST_SKIP() << "the module's name is immortal in this Python";
+#endif
+    EXPECT_EQ(notes(), "function, text 0, name 1; module, text 0, name 1; end, text 0, name 0; ");
     before.check();
 }
 

@@ -49,6 +49,7 @@ import rim_generator
 from pgm_python_reasons import Refusal
 
 DELIMITER = " !@#$^&*() "
+LINGER_NONE = struct.pack("hh", 1, 0) if os.name == "nt" else struct.pack("ii", 1, 0)
 BITSTREAM = os.path.join(DATA, "bitstream", "sine_player.bin")
 SINE = os.path.join(DATA, "bitstream", "sine.hex")
 ROOT_PEM = os.path.join(DATA, "keys", "example_root.pem")
@@ -68,7 +69,7 @@ def read(path):
 
 
 class Listener:
-    """Takes one connection and one receive, as a host does."""
+    """Takes one connection and one receive, as a host does on its fixed port."""
 
     def __init__(self, port=0):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
@@ -107,6 +108,60 @@ class Listener:
         self.socket.close()
 
 
+class AnnouncedListener:
+    """Takes connections as a host does on an announced channel, until one has said the word; breaks the first ones off
+    unheard."""
+
+    def __init__(self, breaks_off=0):
+        self.breaks_off = breaks_off
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.socket.bind(("127.0.0.1", 0))
+        self.socket.listen(5)
+        self.socket.settimeout(0.05)
+        self.word = "0123456789abcdef" * 2
+        self.channel = "127.0.0.1:%d:%s" % (self.socket.getsockname()[1], self.word)
+        self.connections = 0
+        self.received = None
+        self.closing = False
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        while not self.closing and self.received is None:
+            try:
+                connection, _ = self.socket.accept()
+            except socket.timeout:
+                continue
+            self.connections += 1
+            with connection:
+                if self.connections <= self.breaks_off:
+                    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, LINGER_NONE)
+                    continue
+                connection.settimeout(5)
+                received = b""
+                while True:
+                    chunk = connection.recv(4096)
+                    if not chunk:
+                        break
+                    received += chunk
+                self.received = received
+
+    def text(self):
+        """What came after the word; None when nothing came within a moment."""
+        self.thread.join(0.3)
+        self.close()
+        if self.received is None:
+            return None
+        word, _, text = self.received.partition(b"\n")
+        assert word == self.word.encode("ascii"), word
+        return text
+
+    def close(self):
+        self.closing = True
+        self.thread.join()
+        self.socket.close()
+
+
 class ScriptTest(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="example scripts é ")
@@ -115,6 +170,9 @@ class ScriptTest(unittest.TestCase):
         self.addCleanup(self.listener.close)
         self.patch(pgm_python_reasons, "PORT", self.listener.port)
         self.patch(sys, "argv", ["script"])
+        # Inside a host of which no channel is known.
+        self.set_variable("PGM_PYTHON_BIN_DIR", self.folder)
+        self.set_variable("PGM_PYTHON_REASONS_CHANNEL", None)
 
     def patch(self, owner, name, value):
         self.addCleanup(setattr, owner, name, getattr(owner, name))
@@ -172,6 +230,15 @@ class ScriptTest(unittest.TestCase):
         return done.returncode, output, errors
 
 
+def connect_to_itself(address, timeout):
+    connection = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    connection.settimeout(timeout)
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    connection.bind(address)
+    connection.connect(address)
+    return connection
+
+
 class ReasonsTest(ScriptTest):
     def test_pieces_are_joined_by_the_delimiter_in_order(self):
         self.assertEqual(len(pgm_python_reasons.DELIMITER), 11)
@@ -179,13 +246,37 @@ class ReasonsTest(ScriptTest):
                          ("one" + DELIMITER + "two" + DELIMITER + "3" + DELIMITER + "é").encode("utf-8"))
         self.assertEqual(pgm_python_reasons.pack_reasons([]), b"")
 
+    def pieces(self, *reasons):
+        packed = pgm_python_reasons.pack_reasons(reasons)
+        self.assertLessEqual(len(packed), 2048)
+        return packed.decode("utf-8").split(DELIMITER)
+
     def test_at_most_2048_bytes_in_whole_pieces(self):
         fits = ["a" * 1000, "b" * (2048 - 1000 - 11)]
         self.assertEqual(len(pgm_python_reasons.pack_reasons(fits)), 2048)
-        self.assertEqual(pgm_python_reasons.pack_reasons(["a" * 1000, "b" * (2048 - 1000 - 10), "c"]), b"a" * 1000)
+        self.assertEqual(self.pieces(*fits), fits)
+        self.assertEqual(self.pieces("a" * 1000, "b" * (2048 - 1000 - 10)), ["a" * 1000, "and 1 more reason"])
+        self.assertEqual(self.pieces(*fits, "c"), ["a" * 1000, "and 2 more reasons"])
+
+    def test_of_many_reasons_the_first_ones_go_and_the_others_are_counted(self):
+        reasons = ["reason number %d" % number for number in range(1000)]
+        pieces = self.pieces(*reasons)
+        shown = len(pieces) - 1
+        self.assertEqual(pieces, reasons[:shown] + ["and %d more reasons" % (1000 - shown)])
+        self.assertGreater(len(DELIMITER.join(pieces + [reasons[shown]])), 2048, "one more would have fitted")
+
+    def test_as_many_short_reasons_as_can_be(self):
+        reasons = ["x"] * 171  # with the delimiters between them 2041 bytes
+        self.assertEqual(self.pieces(*reasons), reasons)
+        self.assertEqual(self.pieces(*reasons, "y"), ["x"] * 169 + ["and 3 more reasons"])
 
     def test_a_first_piece_too_long_is_cut_at_a_whole_character(self):
-        self.assertEqual(pgm_python_reasons.pack_reasons(["a" + "é" * 2000, "b"]), ("a" + "é" * 1023).encode("utf-8"))
+        self.assertEqual(self.pieces("a" + "é" * 2000), ["a" + "é" * 1023])
+        self.assertEqual(self.pieces("a" + "é" * 2000, "b"), ["a" + "é" * 1009, "and 1 more reason"])
+
+    def test_every_line_of_a_reason_is_a_piece(self):
+        self.assertEqual(self.pieces("one\ntwo\r\n\n  three\n", "four"), ["one", "two", "  three", "four"])
+        self.assertEqual(pgm_python_reasons.pack_reasons(["\n", ""]), b"")
 
     def test_text_that_is_no_utf_8_is_sent_readably(self):
         self.assertEqual(pgm_python_reasons.pack_reasons(["x\udcff"]), b"x\\udcff")
@@ -201,6 +292,60 @@ class ReasonsTest(ScriptTest):
         with contextlib.redirect_stdout(output), contextlib.redirect_stderr(output):
             self.assertFalse(pgm_python_reasons.send_reasons("unheard"))
         self.assertEqual(output.getvalue(), "")
+
+    def announced(self, **settings):
+        listener = AnnouncedListener(**settings)
+        self.addCleanup(listener.close)
+        self.set_variable("PGM_PYTHON_REASONS_CHANNEL", listener.channel)
+        return listener
+
+    def test_the_announced_channel_goes_before_the_port(self):
+        announced = self.announced()
+        self.assertTrue(pgm_python_reasons.send_reasons("first", "second"))
+        self.assertEqual(announced.text(), ("first" + DELIMITER + "second").encode("ascii"))
+        self.assertEqual(self.listener.pieces(), [])
+
+    def test_the_announced_channel_needs_no_other_sign_of_a_host(self):
+        announced = self.announced()
+        self.set_variable("PGM_PYTHON_BIN_DIR", None)
+        self.assertTrue(pgm_python_reasons.send_reasons("heard"))
+        self.assertEqual(announced.text(), b"heard")
+
+    @unittest.skipIf(os.name == "nt", "Wine does not tell a connection broken off from one that ended")
+    def test_a_connection_that_is_broken_off_is_tried_again(self):
+        announced = self.announced(breaks_off=2)
+        self.assertTrue(pgm_python_reasons.send_reasons("heard"))
+        self.assertEqual((announced.connections, announced.text()), (3, b"heard"))
+
+    @unittest.skipIf(os.name == "nt", "Wine does not tell a connection broken off from one that ended")
+    def test_a_connection_that_is_broken_off_again_and_again_is_given_up(self):
+        announced = self.announced(breaks_off=9)
+        self.assertFalse(pgm_python_reasons.send_reasons("unheard"))
+        self.assertEqual((announced.connections, announced.text()), (3, None))
+
+    def test_nothing_goes_to_the_port_when_the_announced_channel_is_gone(self):
+        announced = self.announced()
+        announced.close()
+        self.assertFalse(pgm_python_reasons.send_reasons("unheard"))
+        self.assertEqual(self.listener.pieces(), [])
+
+    def test_a_channel_that_cannot_be_read_is_none(self):
+        for channel in ("x", "127.0.0.1", "127.0.0.1:", "127.0.0.1:80", "127.0.0.1:x:word", ":80:word",
+                        "127.0.0.1:99999:word", "127.0.0.1:-1:word"):
+            self.set_variable("PGM_PYTHON_REASONS_CHANNEL", channel)
+            self.assertFalse(pgm_python_reasons.send_reasons("unheard"), channel)
+        self.assertEqual(self.listener.pieces(), [])
+
+    def test_outside_a_host_nothing_goes_to_the_port(self):
+        self.set_variable("PGM_PYTHON_BIN_DIR", None)
+        self.assertFalse(pgm_python_reasons.send_reasons("unheard"))
+        self.assertEqual(self.listener.pieces(), [])
+
+    def test_nobody_is_not_taken_for_a_host(self):
+        # A socket that is connected to its own port, as the system does now and then where nobody listens.
+        self.listener.close()
+        self.patch(socket, "create_connection", connect_to_itself)
+        self.assertFalse(pgm_python_reasons.send_reasons("unheard"))
 
     def test_the_port_of_the_host(self):
         source = read(pgm_python_reasons.__file__).decode("utf-8")

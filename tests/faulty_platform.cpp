@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <vector>
 
 #include "pgm/pgm_python/back_channel_socket.h"
 #include "zel/zel_thr/thr_platform.h"
@@ -24,8 +25,13 @@ namespace faulty_platform {
 namespace {
 
 constexpr std::array<const char*, number_of_calls> names = {
-    "start_thread", "start_up",        "find_address",  "open_socket", "allow_address_reuse",
-    "bind_to",      "start_listening", "accept_client", "receive"};
+    "start_thread",    "fill_with_random_bytes",
+    "start_up",        "find_address",
+    "open_socket",     "allow_address_reuse",
+    "keep_address",    "bind_to",
+    "start_listening", "port_of",
+    "open_waker",      "wait",
+    "accept_client",   "receive"};
 
 std::size_t index_of(CALL call) {
     return static_cast<std::size_t>(call);
@@ -41,6 +47,7 @@ public:
         m_failures = 0;
         m_clean_ups = 0;
         m_shut_downs = 0;
+        m_break_offs = 0;
         m_misuse.clear();
     }
 
@@ -83,6 +90,7 @@ public:
     int m_failures = 0;
     int m_clean_ups = 0;
     int m_shut_downs = 0;
+    int m_break_offs = 0;
     int m_addresses = 0;
     int m_threads = 0;
     std::set<back_channel_socket::SOCKET_HANDLE> m_sockets;
@@ -102,7 +110,8 @@ void check_open(back_channel_socket::SOCKET_HANDLE socket, const char* call) {
 }
 
 back_channel_socket::SOCKET_HANDLE noted(back_channel_socket::SOCKET_HANDLE socket) {
-    if (socket != back_channel_socket::invalid_socket) {
+    if (socket != back_channel_socket::invalid_socket &&
+        socket != back_channel_socket::no_client_yet) {
         record.locked([&](RECORD& all) { all.m_sockets.insert(socket); });
     }
     return socket;
@@ -147,6 +156,10 @@ int count_of_clean_ups() {
 
 int count_of_shut_downs() {
     return record.locked([](RECORD& all) { return all.m_shut_downs; });
+}
+
+int count_of_break_offs() {
+    return record.locked([](RECORD& all) { return all.m_break_offs; });
 }
 
 std::string held() {
@@ -220,6 +233,11 @@ bool allow_address_reuse(SOCKET_HANDLE socket) {
            own_back_channel_socket::allow_address_reuse(socket);
 }
 
+bool keep_address(SOCKET_HANDLE socket) {
+    faulty_platform::check_open(socket, "keep_address");
+    return !record.fails(CALL::keep_address) && own_back_channel_socket::keep_address(socket);
+}
+
 bool bind_to(SOCKET_HANDLE socket, const ADDRESS* address) {
     faulty_platform::check_open(socket, "bind_to");
     return !record.fails(CALL::bind_to) && own_back_channel_socket::bind_to(socket, address->own);
@@ -228,6 +246,16 @@ bool bind_to(SOCKET_HANDLE socket, const ADDRESS* address) {
 bool start_listening(SOCKET_HANDLE socket) {
     faulty_platform::check_open(socket, "start_listening");
     return !record.fails(CALL::start_listening) && own_back_channel_socket::start_listening(socket);
+}
+
+unsigned int port_of(SOCKET_HANDLE socket) {
+    faulty_platform::check_open(socket, "port_of");
+    return record.fails(CALL::port_of) ? 0 : own_back_channel_socket::port_of(socket);
+}
+
+bool fill_with_random_bytes(unsigned char* buffer, std::size_t size) {
+    return !record.fails(CALL::fill_with_random_bytes) &&
+           own_back_channel_socket::fill_with_random_bytes(buffer, size);
 }
 
 SOCKET_HANDLE accept_client(SOCKET_HANDLE socket) {
@@ -259,9 +287,45 @@ void close_socket(SOCKET_HANDLE socket) {
     own_back_channel_socket::close_socket(socket);
 }
 
-void unblock(SOCKET_HANDLE socket) {
-    faulty_platform::check_open(socket, "unblock");
-    own_back_channel_socket::unblock(socket);
+void stop_listening(SOCKET_HANDLE socket) {
+    faulty_platform::check_open(socket, "stop_listening");
+    own_back_channel_socket::stop_listening(socket);
+}
+
+void break_off(SOCKET_HANDLE socket) {
+    record.locked([&](RECORD& all) {
+        all.expect_open(socket, "break_off");
+        all.m_sockets.erase(socket);
+        ++all.m_break_offs;
+    });
+    own_back_channel_socket::break_off(socket);
+}
+
+SOCKET_HANDLE open_waker() {
+    return record.fails(CALL::open_waker)
+               ? invalid_socket
+               : faulty_platform::noted(own_back_channel_socket::open_waker());
+}
+
+void wake_up(SOCKET_HANDLE waker) {
+    faulty_platform::check_open(waker, "wake_up");
+    own_back_channel_socket::wake_up(waker);
+}
+
+bool wait(WAITED* sockets, std::size_t count, bool blocks) {
+    std::vector<own_back_channel_socket::WAITED> waited;
+    for (std::size_t index = 0; index < count; ++index) {
+        faulty_platform::check_open(sockets[index].socket, "wait");
+        waited.push_back({sockets[index].socket, false});
+    }
+    if (record.fails(CALL::wait)) {
+        return false;
+    }
+    const bool success = own_back_channel_socket::wait(waited.data(), count, blocks);
+    for (std::size_t index = 0; index < count; ++index) {
+        sockets[index].ready = waited[index].ready;
+    }
+    return success;
 }
 
 }  // namespace back_channel_socket

@@ -10,15 +10,20 @@
 
 namespace faulty_platform {
 
-// The calls that can fail, in the order in which a listener makes them.
+// The calls that can fail, in the order in which a listener makes them for one channel.
 enum class CALL {
     start_thread,
+    fill_with_random_bytes,
     start_up,
     find_address,
     open_socket,
     allow_address_reuse,
+    keep_address,
     bind_to,
     start_listening,
+    port_of,
+    open_waker,
+    wait,
     accept_client,
     receive,
 };
@@ -39,6 +44,7 @@ int count_of(CALL call);
 int count_of_failures();
 int count_of_clean_ups();
 int count_of_shut_downs();
+int count_of_break_offs();
 
 // What is held now ("1 address, 2 sockets"); empty when nothing is.
 std::string held();

@@ -178,6 +178,62 @@ TEST_F(Queries, NoListenerIsStarted) {
     EXPECT_EQ(PGM_PYTHON_MGR::get_username("x"), "nobody listens");
 }
 
+// Counts, at a post, the tuples that hold an item.
+struct TUPLE_WATCH : RECORDING_RECEIVER {
+    void post(unsigned long number, const std::string& text) override {
+        EXPECT_TRUE(interpreter_is_running());
+        tuples = count_of_tuples_with(item);
+        RECORDING_RECEIVER::post(number, text);
+    }
+    std::string item;
+    int tuples = -1;
+};
+
+TEST_F(Queries, AFailureIsPostedBeforeTheTupleIsReleased) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
+    // What is told of the tuple here is nowhere else.
+    install(
+        "def get_username(x): raise ValueError\n"
+        "query_opn_enum = query_opn_name = read_mif = get_username\n");
+    TUPLE_WATCH watch;
+    watch.item = "a text that is in no other tuple";
+    PGM_PYTHON_MGR::get_username(watch.item);
+    EXPECT_EQ(watch.tuples, 1);
+    watch.tuples = -1;
+    PGM_PYTHON_MGR::query_opn_name(watch.item);
+    EXPECT_EQ(watch.tuples, 1);
+    watch.tuples = -1;
+    unsigned long width = 0;
+    unsigned long depth = 0;
+    unsigned long size = 0;
+    EXPECT_EQ(PGM_PYTHON_MGR::read_mif(watch.item, true, width, depth, size), nullptr);
+    EXPECT_EQ(watch.tuples, 1);
+    watch.tuples = -1;
+    watch.item = "1234567891";
+    PGM_PYTHON_MGR::query_opn_enum(1234567891);
+    EXPECT_EQ(watch.tuples, 1);
+    EXPECT_EQ(watch.reports.size(), 4U);
+}
+
+TEST_F(Queries, ACallThatIsRefusedStartsNoInterpreter) {
+    // Every interpreter that starts writes.
+    const ENVIRONMENT_VALUE loud("PYTHONPROFILEIMPORTTIME", "1");
+    unsigned long number = 0;
+    for (const std::function<void()>& call :
+         {std::function<void()>([] { PGM_PYTHON_MGR::get_username("x"); }),
+          std::function<void()>([] { PGM_PYTHON_MGR::query_opn_enum(1); }),
+          std::function<void()>([] { PGM_PYTHON_MGR::query_opn_name("x"); }),
+          std::function<void()>(
+              [&] { PGM_PYTHON_MGR::read_mif("x", true, number, number, number); })}) {
+        EXPECT_EQ(
+            written_by([&] { EXPECT_NE(thrown_by(call).find("doest not"), std::string::npos); }),
+            "");
+    }
+    written_by([&] { install_answers("'x'"); });
+    EXPECT_NE(written_by([] { PGM_PYTHON_MGR::get_username("x"); }).find("import time:"),
+              std::string::npos);
+}
+
 TEST_F(Queries, AMissingScriptIsAnInternalErrorAndTheNextCallWorks) {
     const std::string text = "Python script " + installation.common() +
                              "/python/pgm_python_common_function.pyc doest not exist";
@@ -435,6 +491,7 @@ TEST_F(MemoryReader, AnAnswerThatIsNoListOfThreeIsAnInternalError) {
 }
 
 TEST_F(MemoryReader, AMissingNumberIsAnInternalErrorAndAMissingImageIsEmpty) {
+    SKIP_UNLESS_IN_PROCESS("the hooks of this process are not there");
     install(
         "import test_hooks\n"
         "def read_mif(file, continuous): return test_hooks.unfinished(eval(file))\n");
@@ -461,6 +518,7 @@ TEST_F(MemoryReader, AMissingNumberIsAnInternalErrorAndAMissingImageIsEmpty) {
 }
 
 TEST_F(MemoryReader, ACallThatRaisesPostsOneMessageAndLeavesTheNumbers) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     install_body("raise ValueError('in call')");
     struct LOOKER : RECORDING_RECEIVER {
         void post(unsigned long number, const std::string& text) override {
@@ -533,6 +591,7 @@ std::vector<Py_ssize_t> references_to_flags() {
 }
 
 TEST_F(MemoryReader, AFlagLeavesItsReferencesAsACallWithoutOneDoes) {
+    SKIP_UNLESS_FRESH("modules that stay are loaded by the first calls, with references of theirs");
 #if PY_VERSION_HEX >= 0x030C0000
     GTEST_SKIP() << "True and False are immortal in this Python";
 #endif

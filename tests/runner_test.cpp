@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <new>
+#include <utility>
+
 #include "pgm/pgm_python/pgm_python_mgr.h"
+#include "tests/script_hooks.h"
 #include "tests/support.h"
 
 namespace {
@@ -265,6 +269,7 @@ TEST_F(Runner, AScriptWithASyntaxErrorIsReported) {
 }
 
 TEST_F(Runner, TheListenerRunsBeforeTheInterpreterAndEndsBeforeItDoes) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     struct LOOKER : RECORDING_RECEIVER {
         void post(unsigned long number, const std::string& text) override {
             was_running = interpreter_is_running();
@@ -289,6 +294,101 @@ TEST_F(Runner, TheListenerRunsBeforeTheInterpreterAndEndsBeforeItDoes) {
     EXPECT_FALSE(looker.port_was_free);
     EXPECT_EQ(argv[0], without.c_str());
 }
+
+TEST_F(Runner, TheListenerListensBeforeTheInterpreterStarts) {
+    // Every interpreter imports this as it starts.
+    installation.folder().write("site/sitecustomize.py",
+                                "import _socket\n"
+                                "channel = _socket.socket(_socket.AF_INET, _socket.SOCK_STREAM)\n"
+                                "try:\n"
+                                "    channel.connect(('127.0.0.1', 57343))\n"
+                                "    channel.sendall(b'from the start')\n"
+                                "except OSError:\n"
+                                "    pass\n"
+                                "channel.close()\n");
+    const ENVIRONMENT_VALUE site("PYTHONPATH", (installation.folder().path() + "/site").c_str());
+    const std::string path = installation.folder().write("tool.py", "1/0\n");
+    EXPECT_FALSE(run({path}));
+    EXPECT_EQ(receiver.reports, (REPORTS{"error 20354: Fail to execute file " + path,
+                                         "error 20353: from the start"}));
+}
+
+TEST_F(Runner, WhatIsRefusedStartsNeitherInterpreterNorListener) {
+    struct LOOKER : RECORDING_RECEIVER {
+        void line(int type, const std::string& text) override {
+            EXPECT_TRUE(port_is_free());
+            EXPECT_FALSE(interpreter_is_running());
+            RECORDING_RECEIVER::line(type, text);
+        }
+    } looker;
+    // Every interpreter that starts writes.
+    const ENVIRONMENT_VALUE loud("PYTHONPROFILEIMPORTTIME", "1");
+    const std::string text = installation.folder().write("tool.txt", "");
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"-c"}, {"missing.py"}, {"unknown", "x"}, {text}}) {
+        EXPECT_FALSE(run(arguments));
+        EXPECT_EQ(errors, "") << arguments[0];
+    }
+    EXPECT_EQ(looker.reports.size(), 4U);
+    EXPECT_TRUE(run({"-c", "pass"}));
+    EXPECT_NE(errors.find("import time:"), std::string::npos) << errors;
+}
+
+TEST_F(Runner, DuringARunTheCallersFirstSlotHoldsTheResolvedPath) {
+    SKIP_UNLESS_IN_PROCESS("the hooks of this process are not there");
+    const std::string source =
+        "import sys, test_hooks\n"
+        "test_hooks.signal()\n"
+        "print(sys.argv)\n";
+    const CURRENT_FOLDER current(installation.folder().path());
+    installation.folder().write("here/tool.py", source);
+    const std::string catalogued = installation.common_script("python/norvane_sign.py", source);
+    offer_script_hooks();
+    for (const auto& names : {std::pair<std::string, std::string>("here/tool.py", "here/tool.py"),
+                              std::pair<std::string, std::string>("norvane_sign", catalogued)}) {
+        const char* argv[] = {names.first.c_str(), "x"};
+        std::string slot;
+        on_script_signal = [&] { slot = argv[0]; };
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(PGM_PYTHON_MGR::run_python_file(2, argv));
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "['" + names.second + "', 'x']\n");
+        EXPECT_EQ(slot, names.second);
+        EXPECT_EQ(argv[0], names.first.c_str());
+    }
+    on_script_signal = nullptr;
+}
+
+#if !defined(_WIN32)
+
+// Whether the next run of a main program throws.
+bool run_throws = false;
+
+}  // namespace
+
+// The linker puts this one in the place of py_source_with_args.
+extern "C" bool __real__Z19py_source_with_argsiPPKc(int argc, const char** argv);
+extern "C" bool __wrap__Z19py_source_with_argsiPPKc(int argc, const char** argv) {
+    if (run_throws) {
+        throw std::bad_alloc();
+    }
+    return __real__Z19py_source_with_argsiPPKc(argc, argv);
+}
+
+namespace {
+
+TEST_F(Runner, AnExceptionInARunIsAFailure) {
+    SKIP_UNLESS_IN_PROCESS("nothing of this process runs there");
+    const std::string path = installation.folder().write("tool.py", "print('run')\n");
+    run_throws = true;
+    EXPECT_FALSE(run({path}));
+    run_throws = false;
+    EXPECT_EQ(receiver.reports, (REPORTS{"error 20354: Fail to execute file " + path}));
+    EXPECT_EQ(output, "");
+    EXPECT_TRUE(run({path}));
+    EXPECT_EQ(output, "run\n");
+}
+
+#endif
 
 TEST_F(Runner, AScriptThatChangesItsArgumentsDoesNotTouchTheCallers) {
     const std::string path =

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "pgm/pgm_python/pgm_python_settings.h"
 #include "zel/zel_py/py_reference.h"
 
 std::function<void()> on_script_signal;
@@ -45,6 +46,8 @@ PyObject* initialise() {
 }  // namespace
 
 void offer_script_hooks() {
+    // Modules are offered to interpreters that start afterwards.
+    PGM_PYTHON_SETTINGS::end_kept_interpreter();
     // Some versions forget the table as they are finalised.
     for (const _inittab* row = PyImport_Inittab; row->name != nullptr; ++row) {
         if (std::strcmp(row->name, module_name) == 0) {

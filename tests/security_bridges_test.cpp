@@ -70,6 +70,39 @@ private:
 
 thread_local KEY_WATCH* KEY_WATCH::s_watch = nullptr;
 
+// Counts this thread's arrays of a size, in bytes, by whether an interpreter ran when they were
+// released.
+class RELEASE_WATCH {
+public:
+    explicit RELEASE_WATCH(std::size_t size) : m_size(size) { s_watch = this; }
+    ~RELEASE_WATCH() { s_watch = nullptr; }
+    RELEASE_WATCH(const RELEASE_WATCH&) = delete;
+    RELEASE_WATCH& operator=(const RELEASE_WATCH&) = delete;
+
+    int released_in_a_session = 0;
+    int released_outside = 0;
+
+    static void made(void* memory, std::size_t size) {
+        if (s_watch != nullptr && size == s_watch->m_size) {
+            s_watch->m_alive = memory;
+        }
+    }
+    static void released(void* memory) {
+        if (s_watch != nullptr && memory != nullptr && memory == s_watch->m_alive) {
+            s_watch->m_alive = nullptr;
+            ++(interpreter_is_running() ? s_watch->released_in_a_session
+                                        : s_watch->released_outside);
+        }
+    }
+
+private:
+    static thread_local RELEASE_WATCH* s_watch;
+    std::size_t m_size;
+    void* m_alive = nullptr;
+};
+
+thread_local RELEASE_WATCH* RELEASE_WATCH::s_watch = nullptr;
+
 }  // namespace
 
 void* operator new[](std::size_t size) {
@@ -78,11 +111,13 @@ void* operator new[](std::size_t size) {
         throw std::bad_alloc();
     }
     KEY_WATCH::made(memory, size);
+    RELEASE_WATCH::made(memory, size);
     return memory;
 }
 
 void operator delete[](void* memory) noexcept {
     KEY_WATCH::released(memory);
+    RELEASE_WATCH::released(memory);
     std::free(memory);
 }
 
@@ -356,7 +391,31 @@ TEST_F(SecurityBridges, AMissingScriptIsAnInternalErrorAndTheNextCallWorks) {
     }
 }
 
+TEST_F(SecurityBridges, ACallThatIsRefusedStartsNoInterpreter) {
+    // Every interpreter that starts writes.
+    const ENVIRONMENT_VALUE loud("PYTHONPROFILEIMPORTTIME", "1");
+    for (const OPERATION& operation : operations) {
+        SCOPED_TRACE(operation.function);
+        const MOMENTS moments;
+        EXPECT_EQ(written_by([&] {
+                      EXPECT_NE(thrown_by(operation.call).find("doest not exist"),
+                                std::string::npos);
+                  }),
+                  "");
+        EXPECT_EQ(moments.moments,
+                  (TEXTS{std::string("port ") + (operation.early ? "taken" : "free") +
+                         ", no interpreter"}));
+    }
+    EXPECT_EQ(written_by([&] { thrown_by([&] { generate(1, 2, "a.pem"); }); }), "");
+    EXPECT_EQ(written_by([&] { thrown_by([&] { sign("", "a.zky"); }); }), "");
+    EXPECT_EQ(written_by([&] { thrown_by([&] { root_key(""); }); }), "");
+    EXPECT_EQ(written_by([&] { thrown_by([&] { modify(""); }); }), "");
+    install_function(modifying, "    return answer()\n");
+    EXPECT_NE(written_by(modifying.call).find("import time:"), std::string::npos);
+}
+
 TEST_F(SecurityBridges, AScriptThatCannotBeLoadedCompletesAnEarlyBackChannelOnly) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     for (const OPERATION& operation : operations) {
         SCOPED_TRACE(operation.function);
         install(operation, "raise ValueError('at import')\n");
@@ -375,6 +434,7 @@ TEST_F(SecurityBridges, AScriptThatCannotBeLoadedCompletesAnEarlyBackChannelOnly
 }
 
 TEST_F(SecurityBridges, AMissingFunctionCompletesAnEarlyBackChannelOnly) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     for (const OPERATION& operation : operations) {
         SCOPED_TRACE(operation.function);
         install(operation, "def another_function(*arguments): return True\n");
@@ -393,6 +453,7 @@ TEST_F(SecurityBridges, AMissingFunctionCompletesAnEarlyBackChannelOnly) {
 }
 
 TEST_F(SecurityBridges, AFunctionThatRaisesIsReportedWithoutATraceback) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     for (const OPERATION& operation : operations) {
         SCOPED_TRACE(operation.function);
         install_function(operation, "    raise ValueError('in the call')\n");
@@ -585,6 +646,7 @@ private:
 // takes an index outside the tuple or somebody else who holds the tuple, and between its making and
 // the call no script runs.
 TEST_F(SecurityBridges, AnItemThatCannotBeMadeIsAnInternalErrorOfItsOwn) {
+    SKIP_UNLESS_IN_PROCESS("the hooks of this process are not there");
     const std::string zky = installation.folder().write("key.zky", "");
     const std::string pem = installation.folder().write("key.pem", "");
     struct ROW {
@@ -808,6 +870,67 @@ TEST_F(SecurityBridges, AKeyFileMustExistWithTheExtensionOfItsKind) {
     EXPECT_EQ(generate(1, 2, "", pem), "616263, size 3");
     EXPECT_EQ(sign(zky, ""), "616263, size 3");
     EXPECT_EQ(sign(zky, pem), "616263, size 3");
+}
+
+TEST_F(SecurityBridges, AKeyFilesExtensionMayHaveCapitals) {
+    install_function(generating, "    return answer()\n");
+    install_function(signing, "    return answer()\n");
+    const std::string zky = installation.folder().write("keys/a.ZKY", "");
+    const std::string pem = installation.folder().write("keys/a.Pem", "");
+    EXPECT_EQ(generate(1, 2, zky, pem), "616263, size 3");
+    EXPECT_EQ(sign(zky, pem), "616263, size 3");
+}
+
+TEST_F(SecurityBridges, AFolderIsNoKeyFile) {
+    install_function(generating, "    return answer()\n");
+    install_function(signing, "    return answer()\n");
+    const std::string zky = installation.folder().make_folder("x.zky");
+    const std::string pem = installation.folder().make_folder("x.pem");
+    const auto has_line = [](const std::string& error, const char* line) {
+        EXPECT_NE(error.find(line), std::string::npos) << error;
+    };
+    has_line(thrown_by([&] { generate(1, 2, zky, ""); }), "line 1118]");
+    has_line(thrown_by([&] { generate(1, 2, "", pem); }), "line 1119]");
+    has_line(thrown_by([&] { sign(zky, ""); }), "line 1243]");
+    has_line(thrown_by([&] { sign("", pem); }), "line 1244]");
+    before.check();
+}
+
+TEST_F(SecurityBridges, AKeyFilesNameEndsAtItsFirstZeroByte) {
+    install_function(generating, "    note(repr(arguments[3:]))\n    return answer()\n");
+    install_function(signing, "    note(repr(sys.argv[1:]))\n    return answer()\n");
+    const std::string zky = installation.folder().write("a.zky", "");
+    const std::string pem = installation.folder().write("a.pem", "");
+    const std::string end("\0.txt", 5);
+    EXPECT_EQ(generate(1, 2, zky + end, pem + end), "616263, size 3");
+    EXPECT_EQ(sign(zky + end, pem + end), "616263, size 3");
+    EXPECT_EQ(noted(), (TEXTS{"('" + zky + "', '" + pem + "')",
+                              "['--zky=" + zky + "', '--pem=" + pem + "']"}));
+    // What follows a zero byte makes no key file of another one.
+    const std::string text = installation.folder().write("a.txt", "");
+    for (const std::string& name : {text, std::string(), zky + "x"}) {
+        EXPECT_NE(thrown_by([&] {
+                      generate(1, 2, name + std::string("\0.zky", 5), "");
+                  }).find("line 1118]"),
+                  std::string::npos);
+        EXPECT_NE(thrown_by([&] { sign("", name + std::string("\0.pem", 5)); }).find("line 1244]"),
+                  std::string::npos);
+    }
+}
+
+TEST_F(SecurityBridges, EveryItemIsMadeBeforeAnyIsPlaced) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
+#if defined(_WIN32)
+    GTEST_SKIP() << "file names are text on Windows";
+#endif
+    install_function(generating, "    return answer()\n");
+    const std::string pem = installation.folder().path() + "/\xFF.pem";
+    std::FILE* const file = std::fopen(pem.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    std::fclose(file);
+    const UNFINISHED_TUPLE looker(5);
+    EXPECT_NE(thrown_by([&] { generate(1, 2, "", pem); }).find("pArg4 != NULL"), std::string::npos);
+    EXPECT_EQ(looker.items, 0);
 }
 
 TEST_F(SecurityBridges, ContentIsCheckedBeforeKeyFilesAndThoseBeforeTheScript) {
@@ -1043,6 +1166,7 @@ private:
 };
 
 TEST_F(SecurityBridges, AHostsInterpreterIsLeftRunningWithoutAPendingError) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     for (const OPERATION& operation : operations) {
         SCOPED_TRACE(operation.function);
         install(operation, "import json\n" + function(operation, "    return json.answer()\n"));
@@ -1202,7 +1326,17 @@ TEST_F(RootKey, ATextThatIsNotUtf8IsAnInternalErrorOfItsItem) {
     EXPECT_EQ(root_key(), key + ", size 32");
 }
 
+TEST_F(RootKey, EveryItemIsMadeBeforeAnyIsPlaced) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
+    install_function(querying_root_key, "    return answer()\n");
+    const UNFINISHED_TUPLE looker(3);
+    EXPECT_NE(thrown_by([&] { root_key("key.zek", "\xFF"); }).find("pArg1 != nullptr"),
+              std::string::npos);
+    EXPECT_EQ(looker.items, 0);
+}
+
 TEST_F(RootKey, AnAnswerThatIsNoBoolIsAnInternalErrorAndTheNextCallWorks) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     TEXTS answers(std::begin(wrong_answers), std::end(wrong_answers));
     answers.insert(answers.end(), {"0", "1", "key", "bool"});
     for (const std::string& answer : answers) {
@@ -1220,6 +1354,7 @@ TEST_F(RootKey, AnAnswerThatIsNoBoolIsAnInternalErrorAndTheNextCallWorks) {
 }
 
 TEST_F(RootKey, FalseIsAnInternalErrorAndTheNextCallWorks) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     MOMENTS moments;
     install_key("    return False\n");
     EXPECT_EQ(stopped_by(querying_root_key, [&] { root_key(); }),
@@ -1241,10 +1376,14 @@ TEST_F(RootKey, NoCopyOfTheKeyStaysInTheInterpreter) {
 }
 
 TEST_F(RootKey, NoCopyOfTheKeyStaysInAHostsInterpreter) {
-    install_key("    sys.kept = key\n    return True\n");
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
+    // A module of the standard library stays loaded.
+    install_key("    import json\n    json.kept = key\n    return True\n");
     const HOST_INTERPRETER host;
     EXPECT_EQ(root_key(), key + ", size 32");
-    PyObject* const kept = PySys_GetObject("kept");
+    PyObject* const module = PyImport_ImportModule("json");
+    ASSERT_NE(module, nullptr);
+    PyObject* const kept = PyObject_GetAttrString(module, "kept");
     ASSERT_NE(kept, nullptr);
     const unsigned char* const bytes = reinterpret_cast<unsigned char*>(PyByteArray_AsString(kept));
     EXPECT_EQ(hex(bytes, static_cast<std::size_t>(PyByteArray_Size(kept)), lower_digits), zeros);
@@ -1417,6 +1556,7 @@ TEST_F(ModifyBitstream, AScriptThatDoesNotExistIsReportedAsItWasNamed) {
 }
 
 TEST_F(ModifyBitstream, TheChecksHaveAnOrder) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
     installation.folder().write("notes.txt", "");
     const std::string no_script = installation.folder().path() + "/notes.txt";
     MOMENTS moments;
@@ -1448,6 +1588,25 @@ TEST_F(ModifyBitstream, TheScriptArgumentsFollowTheScriptsPath) {
               "616263, size 3");
     EXPECT_EQ(noted(), TEXTS{"['" + script("norvane_encrypt.py") +
                              "', '--mode=fast and safe', 'plain', ' ', '-']"});
+}
+
+TEST_F(ModifyBitstream, TheArgumentVectorIsReleasedAfterTheInterpreter) {
+    SKIP_UNLESS_IN_PROCESS("the interpreter is not in this process");
+    install_function(modifying, "    return answer()\n");
+    const std::string argument(2001, 'x');
+    const RELEASE_WATCH watch((argument.size() + 1) * sizeof(wchar_t));
+    modify("norvane_encrypt", "encrypt", {argument});
+    EXPECT_EQ(watch.released_outside, 1);
+    EXPECT_EQ(watch.released_in_a_session, 0);
+}
+
+TEST_F(ModifyBitstream, TheArgumentVectorIsSetBeforeTheSearchPath) {
+    install_function(modifying, "    return answer()\n");
+    const ENVIRONMENT_VALUE unshipped("PGM_UNSHIPPED_PROGRAMMER_DIR", "/x/\"y");
+    EXPECT_EQ(stopped_by(modifying, [&] { modify("norvane_encrypt", "encrypt", {""}); }),
+              internal_error("Argument at index 0 cannot be empty string", 1680));
+    EXPECT_EQ(stopped_by(modifying, [&] { modify(); }),
+              internal_error("py_eval(setting.c_str())", 1760));
 }
 
 TEST_F(ModifyBitstream, AnEmptyScriptArgumentIsAnInternalErrorAndTheNextCallWorks) {
@@ -1516,6 +1675,7 @@ std::vector<unsigned char> pattern(std::size_t size) {
 typedef SecurityBridges BigData;
 
 TEST_F(BigData, SixteenMebibytesOfContentCostTheirTextTheAnswerAndTheResult) {
+    SKIP_UNLESS_IN_PROCESS("so is most of their memory");
     install_function(generating, "    return bytearray.fromhex(arguments[2])\n");
     generate();
     std::vector<unsigned char> bytes = pattern(16 * mebibyte);
@@ -1537,6 +1697,7 @@ TEST_F(BigData, SixteenMebibytesOfContentCostTheirTextTheAnswerAndTheResult) {
 }
 
 TEST_F(BigData, SixtyFourMebibytesOfBitstreamCostTheBytearrayAndTheResult) {
+    SKIP_UNLESS_IN_PROCESS("so is most of their memory");
     install_function(modifying,
                      "    bitstream = arguments[0]\n"
                      "    bitstream[0] ^= 0xFF\n"

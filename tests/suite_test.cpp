@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "pgm/pgm_common/pgm_common.h"
+#include "pgm/pgm_common/pgm_common_folders.h"
 #include "tests/support.h"
 #include "zel/zel_fio/zel_fio.h"
 #include "zel/zel_mem/zel_mem.h"
@@ -683,6 +684,63 @@ TEST(Folders, AnEmptyNameCountsAsNone) {
     EXPECT_EQ(three_folders(), unset);
 }
 
+// The host's choice, taken back at the end.
+struct CHOSEN {
+    CHOSEN(const std::string& common, const std::string& unshipped, const std::string& bin) {
+        PGM_COMMON_FOLDERS::set(common, unshipped, bin);
+    }
+    ~CHOSEN() { PGM_COMMON_FOLDERS::set("", "", ""); }
+    CHOSEN(const CHOSEN&) = delete;
+    CHOSEN& operator=(const CHOSEN&) = delete;
+};
+
+TEST(Folders, ThoseThatTheHostChoosesGoBeforeTheEnvironment) {
+    const ENVIRONMENT_VALUE common("PGM_COMMON_PROGRAMMER_DIR", "/e/common");
+    const ENVIRONMENT_VALUE unshipped("PGM_UNSHIPPED_PROGRAMMER_DIR", "/e/unshipped");
+    const ENVIRONMENT_VALUE bin("PGM_BIN_DIR", "/e/bin");
+    {
+        const CHOSEN host("/h/common//", "h/unshipped/", "/h");
+        EXPECT_EQ(three_folders(), (TEXTS{"/h/common", "h/unshipped", "/h"}));
+        EXPECT_EQ(PGM_COMMON::pgm_get_unshipped_programmer(true), "h/unshipped");
+    }
+    EXPECT_EQ(three_folders(), (TEXTS{"/e/common", "/e/unshipped", "/e/bin"}));
+}
+
+TEST(Folders, AreChosenEachByItself) {
+    const ENVIRONMENT_VALUE common("PGM_COMMON_PROGRAMMER_DIR", "/e/common");
+    const ENVIRONMENT_VALUE unshipped("PGM_UNSHIPPED_PROGRAMMER_DIR", "/e/unshipped");
+    const ENVIRONMENT_VALUE bin("PGM_BIN_DIR", "/e/bin");
+    {
+        const CHOSEN host("", "/h", "");
+        EXPECT_EQ(three_folders(), (TEXTS{"/e/common", "/h", "/e/bin"}));
+    }
+    const CHOSEN host("/h", "", "");
+    EXPECT_EQ(three_folders(), (TEXTS{"/h", "/e/unshipped", "/e/bin"}));
+}
+
+TEST(Folders, MayBeChosenWhileOthersAskForThem) {
+    const NO_FOLDERS_NAMED none;
+    const CHOSEN host("/one", "/one", "/one");
+    std::atomic<bool> stop{false};
+    std::thread chooser([&stop] {
+        for (int turn = 0; !stop; ++turn) {
+            const std::string folder = turn % 2 == 0 ? "/one" : "/a much longer folder than one";
+            PGM_COMMON_FOLDERS::set(folder, folder, folder);
+        }
+    });
+    TEXTS others;
+    for (int turn = 0; turn < 2000; ++turn) {
+        for (const std::string& folder : three_folders()) {
+            if (folder != "/one" && folder != "/a much longer folder than one") {
+                others.push_back(folder);
+            }
+        }
+    }
+    stop = true;
+    chooser.join();
+    EXPECT_EQ(others, TEXTS());
+}
+
 // ---- pgm_common: extensions
 
 TEST(Extension, IsWhatTheLastComponentHoldsFromItsLastDotOn) {
@@ -729,7 +787,8 @@ TEST(Extension, TheCaseOfItsLettersDoesNotMatter) {
 
 std::string hex(const std::vector<unsigned char>& bytes) {
     return PGM_COMMON::convert_byte_array_to_standard_hex_string(
-        bytes.data(), static_cast<unsigned long>(bytes.size()), true, false);
+        const_cast<unsigned char*>(bytes.data()), static_cast<unsigned long>(bytes.size()), true,
+        false);
 }
 
 TEST(HexText, EveryByteHasTwoUpperCaseDigits) {
@@ -758,7 +817,8 @@ TEST(HexText, MayHaveAnySizeAndStartAnywhere) {
                                                   bytes.data() + start + size);
             ASSERT_EQ(hex(part), whole.substr(2 * start, 2 * size));
             ASSERT_EQ(PGM_COMMON::convert_byte_array_to_standard_hex_string(
-                          bytes.data() + start, static_cast<unsigned long>(size), true, false),
+                          const_cast<unsigned char*>(bytes.data()) + start,
+                          static_cast<unsigned long>(size), true, false),
                       whole.substr(2 * start, 2 * size));
         }
     }

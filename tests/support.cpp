@@ -193,8 +193,81 @@ bool python_imports_again([[maybe_unused]] const std::string& module) {
 const char why_python_does_not_import_again[] =
     "this Python crashes by itself when a second session of a process imports the module";
 
+std::string kind_of_calls() {
+    const char* const kind = std::getenv("PGM_PYTHON_CALLS");
+    return kind == nullptr || *kind == '\0' ? "fresh" : kind;
+}
+
+bool calls_are_in_process() {
+    return kind_of_calls() != "worker";
+}
+
 bool interpreter_is_running() {
-    return Py_IsInitialized() != 0;
+    return Py_IsInitialized() != 0 && (kind_of_calls() != "kept" || PyGILState_Check() != 0);
+}
+
+namespace {
+
+// Looks at every tuple that Python's collector knows.
+void for_each_tuple(const std::function<void(PyObject*)>& look) {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    {
+        const PY_REFERENCE collector = PY_REFERENCE::owned(PyImport_ImportModule("gc"));
+        const PY_REFERENCE objects = PY_REFERENCE::owned(
+            collector ? PyObject_CallMethod(collector.get(), "get_objects", nullptr) : nullptr);
+        EXPECT_TRUE(objects);
+        const Py_ssize_t count = objects ? PyList_Size(objects.get()) : 0;
+        for (Py_ssize_t index = 0; index < count; ++index) {
+            PyObject* const object = PyList_GetItem(objects.get(), index);
+            if (PyTuple_CheckExact(object)) {
+                look(object);
+            }
+        }
+    }
+    PyErr_Restore(type, value, traceback);
+}
+
+bool is_item(PyObject* object, const std::string& item) {
+    if (object == nullptr || !(PyUnicode_CheckExact(object) || PyLong_CheckExact(object))) {
+        return false;
+    }
+    const PY_REFERENCE text = PY_REFERENCE::owned(PyObject_Str(object));
+    const char* const utf8 = text ? PyUnicode_AsUTF8(text.get()) : nullptr;
+    PyErr_Clear();
+    return utf8 != nullptr && item == utf8;
+}
+
+}  // namespace
+
+int items_in_unfinished_tuple(int size) {
+    int tuples = 0;
+    int items = 0;
+    for_each_tuple([&](PyObject* tuple) {
+        int placed = 0;
+        for (Py_ssize_t index = 0; index < PyTuple_Size(tuple); ++index) {
+            placed += PyTuple_GetItem(tuple, index) == nullptr ? 0 : 1;
+        }
+        if (PyTuple_Size(tuple) == size && placed < size) {
+            ++tuples;
+            items = placed;
+        }
+    });
+    return tuples == 1 ? items : -1;
+}
+
+int count_of_tuples_with(const std::string& item) {
+    int tuples = 0;
+    for_each_tuple([&](PyObject* tuple) {
+        bool found = false;
+        for (Py_ssize_t index = 0; index < PyTuple_Size(tuple); ++index) {
+            found = found || is_item(PyTuple_GetItem(tuple, index), item);
+        }
+        tuples += found ? 1 : 0;
+    });
+    return tuples;
 }
 
 int handles_left_by_sessions(int sessions, const char* code) {
@@ -217,6 +290,9 @@ THREADS_BEFORE::THREADS_BEFORE() {
     static const bool first_thread_has_been = [] {
         SCOPED_TRACE("first");
         std::thread([] {}).join();
+        if (!calls_are_in_process()) {
+            warm_up_workers();
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         return true;
     }();
@@ -233,6 +309,15 @@ bool THREADS_BEFORE::are_back() const {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+unsigned int port_of(const std::string& announced) {
+    const std::size_t colon = announced.find(':');
+    return static_cast<unsigned int>(std::stoul(announced.substr(colon + 1)));
+}
+
+std::string word_of(const std::string& announced) {
+    return announced.substr(announced.rfind(':') + 1);
 }
 
 NOTHING_LEFT_BEHIND::NOTHING_LEFT_BEHIND() = default;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -136,13 +137,61 @@ extern const char send_function[];
 bool python_imports_again(const std::string& module);
 extern const char why_python_does_not_import_again[];
 
-// Whether an interpreter is initialised in the process.
+// The kind of calls that PGM_PYTHON_CALLS names for the tests; "fresh" when it is not set.
+std::string kind_of_calls();
+
+// Skips the test in which it stands where it holds for fresh sessions only. docs/sessions.md lists
+// these.
+#define SKIP_UNLESS_FRESH(reason)                                 \
+    if (kind_of_calls() != "fresh") {                             \
+        GTEST_SKIP() << "holds for fresh sessions only: " reason; \
+    }
+
+// Whether calls run in this process: not when PGM_PYTHON_CALLS sends them to workers.
+bool calls_are_in_process();
+
+// Leaves a test that looks at what is in this process only when calls are.
+#define SKIP_UNLESS_IN_PROCESS(reason)                              \
+    do {                                                            \
+        if (!calls_are_in_process()) {                              \
+            GTEST_SKIP() << "calls run in workers, and " << reason; \
+        }                                                           \
+    } while (false)
+
+// Whether an interpreter is initialised in the process; where the tests' calls run in a kept one,
+// whether the calling thread is using it.
 bool interpreter_is_running();
+
+// How many items stand in the tuple of `size` items that is being filled; -1 where there is not
+// exactly one. For these two an interpreter must run; a pending exception stays pending.
+int items_in_unfinished_tuple(int size);
+
+// How many tuples hold the item, a text or a number.
+int count_of_tuples_with(const std::string& item);
+
+// Counts, at an internal error, the items in the tuple of so many that is being filled.
+struct UNFINISHED_TUPLE : RECORDING_RECEIVER {
+    explicit UNFINISHED_TUPLE(int tuple_size) : size(tuple_size) {}
+    void internal_error(const INTERNAL_ERROR& error) override {
+        items = items_in_unfinished_tuple(size);
+        RECORDING_RECEIVER::internal_error(error);
+    }
+    int size;
+    int items = -1;
+};
 
 // Counts of the process; negative where the platform does not tell.
 int count_of_threads();
+
+// Has the platform make what it makes with a process's first worker, and keeps: threads, under
+// Wine.
+void warm_up_workers();
 int count_of_open_handles();
 int count_of_sockets();
+int count_of_listeners_on_every_interface();
+
+// Whether a process can make a copy of itself with os.fork.
+bool platform_can_fork();
 
 // How many handles bare sessions leave open in which `code` runs: Python for Windows never closes
 // a token in each, and a lock for each module of sockets.
@@ -196,17 +245,45 @@ private:
     bool m_holds = false;
 };
 
-// A client of the back channel.
+// How many connections may wait at the process's listening socket, and how many the system allows
+// at most; negative where the platform does not tell.
+struct BACKLOG {
+    long long listening;
+    long long most;
+};
+BACKLOG backlog();
+
+// The port and the word of an announced channel.
+unsigned int port_of(const std::string& announced);
+std::string word_of(const std::string& announced);
+
+// Whether a client can tell a connection that was broken off before it sent anything from one that
+// ended. Wine does not tell.
+#if defined(_WIN32)
+constexpr bool platform_tells_break_offs = false;
+#else
+constexpr bool platform_tells_break_offs = true;
+#endif
+
+// A client of the back channel. It waits for no more than ten seconds to send or to receive.
 class CLIENT {
 public:
-    // Tries to connect for up to two seconds.
-    CLIENT();
+    // Tries to connect for up to two seconds, to one of this machine's own addresses.
+    explicit CLIENT(std::uint32_t address = 0x7F000001);
+    // Tries once to connect to an announced channel, "127.0.0.1:PORT:WORD", without saying the
+    // word.
+    explicit CLIENT(const std::string& announced);
     ~CLIENT();
     CLIENT(const CLIENT&) = delete;
     CLIENT& operator=(const CLIENT&) = delete;
 
     bool connected() const { return m_connected; }
     void send(const std::string& text) const;
+
+    // The same where the other side may have closed: whether all was sent.
+    bool tries_to_send(const std::string& text) const;
+
+    void shut_down_sending() const;
 
     // Waits until the other side has closed; true when it did so without sending anything.
     bool sees_silent_end() const;
@@ -236,7 +313,8 @@ std::string utf8_output_setting();
 // Whether a program takes its locale from the environment.
 bool environment_tells_locale();
 
-// Checks that an operation has left nothing behind: the interpreter is finalised, no thread is left
+// Checks that an operation has left nothing behind: the interpreter is finalised (or
+// given back, where it is kept), no thread is left
 // of more than there were, the port is free.
 class NOTHING_LEFT_BEHIND {
 public:

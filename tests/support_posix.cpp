@@ -1,15 +1,20 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "tests/support.h"
@@ -18,10 +23,10 @@ namespace {
 
 constexpr std::uint16_t port = 57343;
 
-sockaddr_in address(std::uint32_t host) {
+sockaddr_in address(std::uint32_t host, unsigned int of_port = port) {
     sockaddr_in result = {};
     result.sin_family = AF_INET;
-    result.sin_port = htons(port);
+    result.sin_port = htons(static_cast<std::uint16_t>(of_port));
     result.sin_addr.s_addr = htonl(host);
     return result;
 }
@@ -95,6 +100,8 @@ ENVIRONMENT_VALUE::~ENVIRONMENT_VALUE() {
     }
 }
 
+void warm_up_workers() {}
+
 int count_of_threads() {
     return count_entries("/proc/self/task");
 }
@@ -111,6 +118,36 @@ int count_of_sockets() {
         count += target.compare(0, 7, "socket:") == 0 ? 1 : 0;
     }
     return count;
+}
+
+int count_of_listeners_on_every_interface() {
+    std::set<std::string> own;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code closed;
+        own.insert(std::filesystem::read_symlink(entry, closed).string());
+    }
+    int count = 0;
+    std::ifstream table("/proc/self/net/tcp");
+    std::string row;
+    while (std::getline(table, row)) {
+        std::istringstream words(row);
+        std::vector<std::string> columns;
+        for (std::string column; words >> column;) {
+            columns.push_back(column);
+        }
+        constexpr std::size_t local = 1;
+        constexpr std::size_t state = 3;
+        constexpr std::size_t inode = 9;
+        if (columns.size() > inode && columns[state] == "0A" &&
+            columns[local].compare(0, 9, "00000000:") == 0) {
+            count += own.count("socket:[" + columns[inode] + "]") != 0 ? 1 : 0;
+        }
+    }
+    return count;
+}
+
+bool platform_can_fork() {
+    return true;
 }
 
 // The sanitizers keep memory of their own.
@@ -150,11 +187,56 @@ PORT_HOLDER::~PORT_HOLDER() {
     ::close(static_cast<int>(m_socket));
 }
 
-CLIENT::CLIENT() {
+BACKLOG backlog() {
+    BACKLOG result = {-1, -1};
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int socket = std::stoi(entry.path().filename().string());
+        int listens = 0;
+        socklen_t size = sizeof listens;
+        tcp_info state = {};
+        if (::getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens != 0) {
+            size = sizeof state;
+            if (::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &state, &size) == 0) {
+                result.listening = state.tcpi_sacked;  // of a listening socket, the backlog
+            }
+        }
+    }
+    long long most = -1;
+    std::ifstream("/proc/sys/net/core/somaxconn") >> most;
+    result.most = std::min<long long>(most, SOMAXCONN);
+    return result;
+}
+
+namespace {
+
+// A client that a silent other side does not hold up for good.
+int new_client_socket() {
+    const int socket = new_socket();
+    const timeval limit = {10, 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    return socket;
+}
+
+}  // namespace
+
+CLIENT::CLIENT(const std::string& announced) {
+    const sockaddr_in local = address(INADDR_LOOPBACK, port_of(announced));
+    const int socket = new_client_socket();
+    m_socket = static_cast<std::size_t>(socket);
+    m_connected = ::connect(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+    // Where nobody listens the system may connect a socket to itself.
+    sockaddr_in own = {};
+    socklen_t size = sizeof own;
+    ::getsockname(socket, reinterpret_cast<sockaddr*>(&own), &size);
+    m_connected = m_connected && own.sin_port != local.sin_port;
+}
+
+CLIENT::CLIENT(std::uint32_t address) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    const sockaddr_in local = address(INADDR_LOOPBACK);
+    const sockaddr_in local = ::address(address);
     for (;;) {
-        const int socket = new_socket();
+        const int socket = new_client_socket();
         m_socket = static_cast<std::size_t>(socket);
         if (::connect(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0) {
             m_connected = true;
@@ -175,6 +257,15 @@ CLIENT::~CLIENT() {
 void CLIENT::send(const std::string& text) const {
     EXPECT_EQ(::send(static_cast<int>(m_socket), text.data(), text.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(text.size()));
+}
+
+bool CLIENT::tries_to_send(const std::string& text) const {
+    return ::send(static_cast<int>(m_socket), text.data(), text.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(text.size());
+}
+
+void CLIENT::shut_down_sending() const {
+    ::shutdown(static_cast<int>(m_socket), SHUT_WR);
 }
 
 bool CLIENT::sees_silent_end() const {

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "pgm/pgm_python/pgm_python_mgr.h"
+#include "pgm/pgm_python/pgm_python_settings.h"
 #include "tests/pythons_runtime_windows.h"
 #include "tests/support.h"
 #include "zel/zel_fio/fio_text_windows.h"
@@ -26,10 +28,10 @@ const bool sockets_started = [] {
     return ::WSAStartup(MAKEWORD(2, 2), &data) == 0;
 }();
 
-sockaddr_in address(std::uint32_t host) {
+sockaddr_in address(std::uint32_t host, unsigned int of_port = port) {
     sockaddr_in result = {};
     result.sin_family = AF_INET;
-    result.sin_port = htons(port);
+    result.sin_port = htons(static_cast<std::uint16_t>(of_port));
     result.sin_addr.s_addr = htonl(host);
     return result;
 }
@@ -187,15 +189,33 @@ private:
 ENVIRONMENT_VALUE::ENVIRONMENT_VALUE(const std::string& name, const char* value) : m_name(name) {
     const std::wstring wide_name = to_wide(name);
     ::SetLastError(ERROR_SUCCESS);
+    m_was_set = ::GetEnvironmentVariableW(wide_name.c_str(), nullptr, 0) != 0 ||
+                ::GetLastError() != ERROR_ENVVAR_NOT_FOUND;
     m_before = to_utf8(wide_text_from([&wide_name](wchar_t* buffer, DWORD size) {
         return ::GetEnvironmentVariableW(wide_name.c_str(), buffer, size);
     }));
-    m_was_set = ::GetLastError() != ERROR_ENVVAR_NOT_FOUND;
     set_environment_value(name, value);
 }
 
 ENVIRONMENT_VALUE::~ENVIRONMENT_VALUE() {
     set_environment_value(m_name, m_was_set ? m_before.c_str() : nullptr);
+}
+
+void warm_up_workers() {
+    static bool done = false;
+    if (!done) {
+        done = true;
+        PGM_PYTHON_SETTINGS::set_calls(PGM_PYTHON_CALLS::worker);
+        PGM_PYTHON_SETTINGS::set_worker(PGM_PYTHON_PROGRAMS "/pgm_python_worker.exe");
+        const char* code[] = {"-c", "pass"};
+        PGM_PYTHON_MGR::run_python_file(2, code);
+        // A call that is ended makes another.
+        const RECORDING_RECEIVER receiver;
+        PGM_PYTHON_SETTINGS::set_call_timeout(0.5);
+        const char* endless[] = {"-c", "import time; time.sleep(1000)"};
+        PGM_PYTHON_MGR::run_python_file(2, endless);
+        PGM_PYTHON_SETTINGS::use_environment();
+    }
 }
 
 int count_of_threads() {
@@ -222,6 +242,14 @@ int count_of_open_handles() {
 // Not told: a socket is a handle like others.
 int count_of_sockets() {
     return -1;
+}
+
+int count_of_listeners_on_every_interface() {
+    return -1;
+}
+
+bool platform_can_fork() {
+    return false;
 }
 
 long long resident_memory() {
@@ -259,11 +287,39 @@ PORT_HOLDER::~PORT_HOLDER() {
     ::closesocket(m_socket);
 }
 
-CLIENT::CLIENT() {
+BACKLOG backlog() {
+    return {-1, -1};
+}
+
+namespace {
+
+// A client that a silent other side does not hold up for good.
+SOCKET new_client_socket() {
+    const SOCKET socket = new_socket();
+    const DWORD limit_ms = 10000;
+    const char* const limit = reinterpret_cast<const char*>(&limit_ms);
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, limit, sizeof limit_ms);
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, limit, sizeof limit_ms);
+    return socket;
+}
+
+}  // namespace
+
+CLIENT::CLIENT(const std::string& announced) : m_socket(new_client_socket()) {
+    const sockaddr_in local = address(INADDR_LOOPBACK, port_of(announced));
+    m_connected = ::connect(m_socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+    // Where nobody listens the system may connect a socket to itself.
+    sockaddr_in own = {};
+    int size = sizeof own;
+    ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&own), &size);
+    m_connected = m_connected && own.sin_port != local.sin_port;
+}
+
+CLIENT::CLIENT(std::uint32_t address) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    const sockaddr_in local = address(INADDR_LOOPBACK);
+    const sockaddr_in local = ::address(address);
     for (;;) {
-        m_socket = new_socket();
+        m_socket = new_client_socket();
         if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0) {
             m_connected = true;
             return;
@@ -283,6 +339,15 @@ CLIENT::~CLIENT() {
 void CLIENT::send(const std::string& text) const {
     const int size = static_cast<int>(text.size());
     EXPECT_EQ(::send(m_socket, text.data(), size, 0), size);
+}
+
+bool CLIENT::tries_to_send(const std::string& text) const {
+    const int size = static_cast<int>(text.size());
+    return ::send(m_socket, text.data(), size, 0) == size;
+}
+
+void CLIENT::shut_down_sending() const {
+    ::shutdown(m_socket, SD_SEND);
 }
 
 bool CLIENT::sees_silent_end() const {

@@ -7,64 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/support.h"
+#include "tests/tool_runs.h"
 
 namespace {
-
-const std::string build_folder = std::filesystem::path(PGM_PYTHON_PROGRAMS).parent_path().string();
-const std::string example_scripts = build_folder + "/common/programmer/python/";
-
-// The tools as a user starts them: no folder named, UTF-8 output, unless `environment` says else.
-PROGRAM_RESULT start(const std::string& tool, const std::vector<std::string>& arguments,
-                     const std::vector<std::string>& environment) {
-    std::vector<std::string> all = {"PGM_COMMON_PROGRAMMER_DIR=", "PGM_UNSHIPPED_PROGRAMMER_DIR=",
-                                    "PGM_BIN_DIR=", utf8_output_setting()};
-    all.insert(all.end(), environment.begin(), environment.end());
-    return run_program(PGM_PYTHON_PROGRAMS "/" + tool, arguments, all);
-}
-
-PROGRAM_RESULT run(const std::vector<std::string>& arguments,
-                   const std::vector<std::string>& environment = {}) {
-    return start("pgm_python_run", arguments, environment);
-}
-
-PROGRAM_RESULT call(const std::vector<std::string>& arguments,
-                    const std::vector<std::string>& environment = {}) {
-    return start("pgm_python_call", arguments, environment);
-}
-
-// A run that gave `output`, reported nothing and ended with 0.
-void expect_success(const PROGRAM_RESULT& result, const std::string& output) {
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, output);
-    EXPECT_EQ(result.errors, "");
-}
-
-// A run that gave no result, reported exactly `errors` and ended with `status`.
-void expect_failure(const PROGRAM_RESULT& result, int status, const std::string& errors) {
-    EXPECT_EQ(result.status, status);
-    EXPECT_EQ(result.output, "");
-    EXPECT_EQ(result.errors, errors);
-}
-
-bool starts_with(const std::string& text, const std::string& start) {
-    return text.compare(0, start.size(), start) == 0;
-}
-
-bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
-// The reports of a script that raised: its traceback, then the lines.
-void expect_traceback_and(const std::string& errors, const std::string& lines) {
-    EXPECT_TRUE(starts_with(errors, "Traceback (most recent call last):\n")) << errors;
-    EXPECT_TRUE(ends_with(errors, lines)) << errors;
-}
-
-std::string internal_error_line(const std::string& text, int line) {
-    return internal_error(text, line) + "\n";
-}
 
 // Tells its arguments, in ASCII.
 const char print_arguments[] =
@@ -95,8 +40,105 @@ TEST(RunTool, TellsItsUseWithoutArguments) {
                    "followed by command(s)\n");
 }
 
-TEST(RunTool, HasNoOptionsOfItsOwn) {
-    expect_failure(run({"--help"}), 1, "error: Python script --help doest not exist\n");
+TEST(RunTool, ExplainsItself) {
+    const PROGRAM_RESULT result = run({"--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, "");
+    for (const char* const text : {"SCRIPT", "ARGUMENT", "--help", "--version", "--list", "--json",
+                                   "--traceback", "--calls", "Print this help and exit\n"}) {
+        EXPECT_NE(result.output.find(text), std::string::npos) << text << result.output;
+    }
+}
+
+TEST(RunTool, HasNoOtherOptionsOfItsOwn) {
+    for (const char* const option : {"-h", "--list-all", "-", "--jso"}) {
+        expect_failure(run({option}), 1,
+                       "error: Python script " + std::string(option) + " doest not exist\n");
+    }
+}
+
+TEST(RunTool, EndsItsOptionsAtTwoDashes) {
+    expect_failure(run({"--", "--help"}), 1, "error: Python script --help doest not exist\n");
+    expect_failure(run({"--traceback", "--", "--list"}), 1,
+                   "error: Python script --list doest not exist\n");
+    expect_success(run({"--", "-c", "print('a')"}), "a\n");
+    expect_failure(run({"--", "--"}), 1, "error: Python script -- doest not exist\n");
+}
+
+TEST(RunTool, LeavesOptionsAfterTheScriptToTheScript) {
+    const TEMPORARY_FOLDER folder;
+    const std::string script = folder.write("tells.py", print_arguments);
+    expect_success(run({"--traceback", script, "--help", "--version", "--list", "--json", "--"}),
+                   "'" + script + "'\n'--help'\n'--version'\n'--list'\n'--json'\n'--'\n");
+}
+
+TEST(RunTool, ListsTheDefaultScripts) {
+    const TEST_INSTALLATION installation;
+    const std::string sign = installation.common_script("python/norvane_sign.py", "");
+    const std::string itool = installation.unshipped_script("python/pgm_internal_tool.pyc", "");
+    const PROGRAM_RESULT result = run({"--list"}, environment_of(installation));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, "");
+    std::istringstream lines(result.output);
+    std::size_t count = 0;
+    std::size_t installed = 0;
+    for (std::string name, path, state; lines >> name >> path && std::getline(lines, state);) {
+        ++count;
+        state = state.substr(state.find_first_not_of(' '));
+        EXPECT_EQ(state, path == sign || path == itool ? "installed" : "not installed") << name;
+        installed += state == "installed" ? 1 : 0;
+        EXPECT_EQ(name == "itool", path == itool) << path;
+    }
+    EXPECT_EQ(count, 12U);
+    EXPECT_EQ(installed, 2U);
+
+    const PROGRAM_RESULT json = run({"--json", "--list"}, environment_of(installation));
+    EXPECT_EQ(json.status, 0);
+    EXPECT_TRUE(starts_with(json.output, "{\"scripts\":[{\"name\":\"tarn_card_sign\",\"file\":\"" +
+                                             installation.common() +
+                                             "/python/tarn_card_sign.py\",\"installed\":false},"))
+        << json.output;
+    EXPECT_NE(
+        json.output.find("{\"name\":\"itool\",\"file\":\"" + itool + "\",\"installed\":true}"),
+        std::string::npos)
+        << json.output;
+}
+
+TEST(RunTool, SetsTheSwitchesOfTheLibrary) {
+    const ENVIRONMENT_VALUE unset("PGM_PYTHON_CALLS", nullptr);
+    const std::string code =
+        "import os; print(*(os.environ.get('PGM_PYTHON_' + name) for name in ('TRACEBACK', "
+        "'CALLS')))";
+    expect_success(run({"--traceback", "--calls", "fresh", "-c", code}), "1 fresh\n");
+    expect_success(run({"--calls=fresh", "-c", code}, {"PGM_PYTHON_CALLS=kept"}), "None fresh\n");
+    expect_success(run({"-c", code}), "None None\n");
+    expect_failure(run({"--calls", "none", "-c", code}), 2,
+                   "--calls: 'none' is not fresh, kept or worker\n"
+                   "Run with --help for more information.\n");
+    EXPECT_EQ(run({"--calls"}).status, 2);
+}
+
+TEST(RunTool, GivesMessagesAsJson) {
+    const TEMPORARY_FOLDER folder;
+    const std::string script =
+        folder.write("fails.py", std::string(send_function) +
+                                     "send(b'say \"no\"\\twhy !@#$^&*() second')\n"
+                                     "print('printed')\n"
+                                     "raise SystemExit(1)\n");
+    const PROGRAM_RESULT result = run({"--json", script});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(
+        result.output,
+        "{\"status\":1,\"messages\":[{\"kind\":\"error\",\"text\":\"Fail to execute file " +
+            script +
+            "\",\"number\":20354},{\"kind\":\"error\",\"text\":\"say \\\"no\\\"\\u0009why\","
+            "\"number\":20353},{\"kind\":\"error\",\"text\":\"second\",\"number\":20353}]}\n");
+    EXPECT_EQ(result.errors, "printed\n");
+    EXPECT_EQ(run({"--json", "-c", "print(1)"}).output, "{\"status\":0,\"messages\":[]}\n");
+    EXPECT_EQ(
+        run({"--json", "--calls", "x"}).output,
+        "{\"status\":2,\"messages\":[{\"kind\":\"usage\",\"text\":\"--calls: 'x' is not fresh, "
+        "kept or worker\\nRun with --help for more information.\"}]}\n");
 }
 
 TEST(RunTool, EndsAsTheCodeExits) {
@@ -264,16 +306,26 @@ TEST(RunTool, FailsInOrderWhenThePathCannotBeRead) {
     expect_traceback_and(result.errors, "error 20354: Fail to execute file " + script + "\n");
 }
 
-TEST(RunTool, EndsAfterAnInternalError) {
+// What the library takes for internal errors.
+TEST(RunTool, TellsMistakesInWords) {
     const TEMPORARY_FOLDER folder;
     const std::string script = folder.write("script", "print('never')\n");
-    expect_failure(run({script}), 3,
-                   internal_error_line(
-                       "Python script " + script + " must have extension of .py or .pyc", 1781));
+    expect_failure(run({script}), 2,
+                   "error: file '" + script +
+                       "' has not the extension .py or .pyc, which a script must have\n");
+    expect_failure(run({""}), 2, "error: the script's name is empty\n");
 }
 
-TEST(RunTool, TakesAnEmptyNameForAnInternalError) {
-    expect_failure(run({""}), 3, internal_error_line("original_file.size()", 170));
+TEST(RunTool, EndsAfterAnInternalError) {
+    if (std::filesystem::path::preferred_separator == '\\') {
+        GTEST_SKIP() << "no folder can have such a name here";
+    }
+    const TEMPORARY_FOLDER folder("quote\"s");
+    const std::string script = folder.write("script.py", "print('never')\n");
+    const PROGRAM_RESULT result = run({script});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.output, "");
+    EXPECT_NE(result.errors.find("internal error: "), std::string::npos) << result.errors;
 }
 
 TEST(CallTool, AnswersTheQueriesFromTheExampleInstallation) {
@@ -354,13 +406,185 @@ TEST(CallTool, ReportsAnAnswerOfNoUse) {
 }
 
 TEST(CallTool, EndsAfterAnInternalError) {
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "def read_mif(file, continuous): return bytearray()\n");
+    expect_failure(call({"read_mif", "x"}, environment_of(installation)), 3,
+                   internal_error_line("return_size == 3", 676));
+}
+
+TEST(CallTool, TellsAMissingScriptInWords) {
     const TEMPORARY_FOLDER empty;
     const std::vector<std::string> environment = {"PGM_COMMON_PROGRAMMER_DIR=" + empty.path()};
-    const std::string text =
-        "Python script " + empty.path() + "/python/pgm_python_common_function.pyc doest not exist";
-    expect_failure(call({"get_username", "x"}, environment), 3, internal_error_line(text, 819));
-    expect_failure(call({"query_opn_enum", "1"}, environment), 3, internal_error_line(text, 723));
-    expect_failure(call({"query_opn_name", "x"}, environment), 3, internal_error_line(text, 771));
+    const std::string content = empty.write("content.bin", "12345678");
+    const std::string hint =
+        " is not installed; PGM_COMMON_PROGRAMMER_DIR names the common folder\n";
+    const std::string common = "/python/pgm_python_common_function.pyc";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> calls = {
+        {{"get_username", "x"}, common},
+        {{"query_opn_enum", "1"}, common},
+        {{"query_opn_name", "x"}, common},
+        {{"read_mif", "x"}, common},
+        {{"get_zek_root_key", "x"}, common},
+        {{"sync_p4file", "x", "y"}, common},
+        {{"generate_compact_cert", "1", "2", content}, "/python/compact_cert_sign.pyc"},
+        {{"sign_compact_ccert", content}, "/python/norvane_sign.py"},
+        {{"verify_compact_cert_keychain", content}, "/python/compact_cert_sign.pyc"},
+        {{"verify_compact_cert_keychain", content, "--script", "own.py"}, "/python/own.py"},
+        {{"generate_rim", "x", "y", "1", "z"}, "/python/rim_generator.pyc"},
+        {{"get_nwfmt_data", "own.py", "get_bram_chunks"}, "nwfmt/own.py"},
+    };
+    for (const auto& [arguments, script] : calls) {
+        expect_failure(call(arguments, environment), 2,
+                       "error: script " + empty.path() + script + hint);
+    }
+    expect_failure(call({"modify_bitstream", content, "norvane_sign", "f"}, environment), 2,
+                   "SCRIPT: 'norvane_sign' is neither a file nor an installed default script\n"
+                   "Run with --help for more information.\n");
+}
+
+TEST(CallTool, TellsMistakesInWords) {
+    const TEMPORARY_FOLDER folder;
+    const std::string seven = folder.write("seven.bin", "1234567");
+    const std::string nothing = folder.write("nothing.bin", "");
+    const std::string eight = folder.write("eight.bin", "12345678");
+    const std::string key = folder.write("key.zky", "k");
+    const std::string script = folder.write("own.py", "");
+    const std::string size = " bytes, but the size must be a positive multiple of 8";
+    const std::string missing = folder.path() + "/missing.pem";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> calls = {
+        {{"generate_compact_cert", "1", "2", seven}, "CONTENT: file '" + seven + "' has 7" + size},
+        {{"generate_compact_cert", "1", "2", nothing},
+         "CONTENT: file '" + nothing + "' has 0" + size},
+        {{"sign_compact_ccert", seven}, "CERTIFICATE: file '" + seven + "' has 7" + size},
+        {{"verify_compact_cert_keychain", seven}, "CERTIFICATE: file '" + seven + "' has 7" + size},
+        {{"sign_compact_ccert", eight, "--pem", missing},
+         "--pem: file '" + missing + "' does not exist"},
+        {{"sign_compact_ccert", eight, "--pem", key},
+         "--pem: file '" + key + "' has not the extension .pem"},
+        {{"generate_compact_cert", "1", "2", eight, "--zky", eight},
+         "--zky: file '" + eight + "' has not the extension .zky"},
+        {{"verify_compact_cert_keychain", eight, "--script", ""}, "--script: must not be empty"},
+        {{"get_zek_root_key", ""}, "ZEK: must not be empty"},
+        {{"sync_p4file", "", "x"}, "FOLDER: must not be empty"},
+        {{"sync_p4file", "x", ""}, "SOURCE: must not be empty"},
+        {{"generate_rim", "", "x", "1", "y"}, "RBF: must not be empty"},
+        {{"generate_rim", "x", "", "1", "y"}, "FAMILY: must not be empty"},
+        {{"generate_rim", "x", "y", "1", ""}, "OUTPUT: must not be empty"},
+        {{"execute_mysql", "--", "a", ""}, "ARGUMENT: must not be empty"},
+        {{"get_nwfmt_data", "", "get_bram_chunks"}, "SCRIPT: must not be empty"},
+        {{"get_nwfmt_data", "network_format.py", ""}, "FUNCTION: must not be empty"},
+        {{"get_nwfmt_data", "network_format.py", "get_chunks"},
+         "FUNCTION: 'get_chunks' is none of the network format's"},
+        {{"modify_bitstream", eight, "", "f"}, "SCRIPT: must not be empty"},
+        {{"modify_bitstream", eight, script, ""}, "FUNCTION: must not be empty"},
+        {{"modify_bitstream", eight, script, "f", "--", ""}, "ARGUMENT: must not be empty"},
+        {{"modify_bitstream", eight, seven, "f"},
+         "SCRIPT: '" + seven + "' has not the extension .py or .pyc"},
+        {{"modify_bitstream", eight, script, "f", "--out", ""}, "--out: must not be empty"},
+        {{"--calls", "some", "query_opn_name", "x"},
+         "--calls: 'some' is not fresh, kept or worker"},
+    };
+    for (const auto& [arguments, mistake] : calls) {
+        expect_failure(call(arguments), 2, mistake + "\nRun with --help for more information.\n");
+    }
+}
+
+TEST(CallTool, TellsWhyAFileCannotBeRead) {
+    const TEMPORARY_FOLDER folder;
+    const std::string missing = folder.path() + "/missing.bin";
+    expect_failure(call({"sign_compact_ccert", missing}), 2,
+                   "CERTIFICATE: file '" + missing +
+                       "' cannot be read: No such file or directory\n"
+                       "Run with --help for more information.\n");
+    const PROGRAM_RESULT result = call({"sign_compact_ccert", folder.path()});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.errors.find("' cannot be read: "), std::string::npos) << result.errors;
+}
+
+// Whatever else the function returns, it gave no bytes.
+TEST(CallTool, TellsThatItGotNoBytes) {
+    const TEST_INSTALLATION installation;
+    const std::string design = installation.folder().write("design.bin", "design");
+    const std::string script =
+        installation.common_script("python/change.py",
+                                   "def as_bytes(data): return bytes(data)\n"
+                                   "def none(data): return None\n"
+                                   "def text(data): return 'text'\n"
+                                   "def nothing(data): return bytearray()\n");
+    const std::string message = "error: the script gave no bytes\n";
+    for (const char* const function : {"as_bytes", "none", "text", "nothing"}) {
+        expect_failure(call({"modify_bitstream", design, script, function, "--out", design}), 1,
+                       message);
+        EXPECT_EQ(installation.folder().read("design.bin"), "design") << function;
+        expect_failure(call({"modify_bitstream", design, script, function}), 1, message);
+        expect_failure(call({"modify_bitstream", design, script, function, "--out", "-"}), 1,
+                       message);
+    }
+
+    installation.folder().write(
+        "common/programmernwfmt/own.py",
+        "def get_bram_chunks(*arguments): return (bytearray(b'x'),)\n"
+        "def get_bram_hash_and_size(*arguments):\n"
+        "    return [bytearray(b'x'), '5']\n"
+        "def get_xcvr_hash_and_size(*arguments): return [bytearray(), 5]\n");
+    const std::vector<std::string> environment = environment_of(installation);
+    expect_failure(
+        call({"get_nwfmt_data", "own.py", "get_bram_chunks", "--out", design}, environment), 1,
+        message);
+    expect_failure(
+        call({"get_nwfmt_data", "own.py", "get_xcvr_hash_and_size", "--out", design}, environment),
+        1, message);
+    expect_failure(
+        call({"get_nwfmt_data", "own.py", "get_bram_hash_and_size", "--out", design}, environment),
+        1, "error: the script gave no size\n");
+    EXPECT_EQ(installation.folder().read("design.bin"), "design");
+}
+
+TEST(CallTool, TakesAnEmptyImageForOne) {
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "def read_mif(file, continuous): return [bytearray(), 8, 0]\n");
+    const std::string out = installation.folder().path() + "/image.bin";
+    expect_success(call({"read_mif", "x"}, environment_of(installation)),
+                   "width 8, depth 0\n0 bytes\n");
+    expect_success(call({"read_mif", "x", "--out", out}, environment_of(installation)),
+                   "width 8, depth 0\n0 bytes written to " + out + "\n");
+    EXPECT_TRUE(std::filesystem::exists(std::filesystem::u8path(out)));
+}
+
+TEST(CallTool, ShowsNothingOfARootKeyButItsSize) {
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "def get_zek_root_key(file, text, key):\n"
+                               "    key[:] = bytes(range(32))\n"
+                               "    return True\n");
+    expect_success(call({"get_zek_root_key", "x.zek"}, environment_of(installation)), "32 bytes\n");
+    expect_success(
+        call({"--json", "get_zek_root_key", "x.zek"}, environment_of(installation)),
+        "{\"operation\":\"get_zek_root_key\",\"status\":0,\"size\":32,\"messages\":[]}\n");
+    const PROGRAM_RESULT written =
+        call({"get_zek_root_key", "x.zek", "--out", "-"}, environment_of(installation));
+    EXPECT_EQ(written.output_bytes.size(), 32U);
+    EXPECT_EQ(written.output_bytes.back(), '\x1F');
+}
+
+// What scripts print is no part of the bytes.
+TEST(CallTool, KeepsBytesApartFromWhatScriptsPrint) {
+    const TEST_INSTALLATION installation;
+    const std::string design = installation.folder().write("design.bin", "design");
+    const std::string script = installation.common_script("python/change.py",
+                                                          "import os\n"
+                                                          "def change(data):\n"
+                                                          "    print('printed', flush=True)\n"
+                                                          "    os.write(1, b'by a number\\n')\n"
+                                                          "    os.system('echo by a child')\n"
+                                                          "    return data + b'!'\n");
+    const PROGRAM_RESULT result =
+        call({"modify_bitstream", design, script, "change", "--out", "-"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output_bytes, "design!");
+    EXPECT_EQ(result.errors, "printed\nby a number\nby a child\n");
 }
 
 TEST(CallTool, WritesBytesToStandardOutputAsTheyAre) {
@@ -383,7 +607,9 @@ TEST(CallTool, ReportsAResultThatCannotBeWritten) {
     const PROGRAM_RESULT result =
         run_program("sh", {"-c", "exec \"$0\" query_opn_name NRV010-C100-I2 >/dev/full",
                            PGM_PYTHON_PROGRAMS "/pgm_python_call"});
-    expect_failure(result, 1, "error: the result cannot be written to standard output\n");
+    expect_failure(result, 1,
+                   "error: the result cannot be written to standard output: No space left on "
+                   "device\n");
 }
 
 TEST(CallTool, ExplainsItself) {
@@ -463,4 +689,205 @@ TEST(CallTool, RefusesWhatIsNoNumberOf32Bits) {
                                      "Run with --help for more information.\n");
     }
     EXPECT_EQ(call({"query_opn_enum", "--", "-18446744073709551359"}).status, 2);
+}
+
+TEST(CallTool, GivesResultsAsJson) {
+    const std::string none = "\"messages\":[]}\n";
+    expect_success(call({"--json", "query_opn_name", "NRV010-C100-I2"}),
+                   "{\"operation\":\"query_opn_name\",\"status\":0,\"result\":257," + none);
+    expect_success(
+        call({"--json", "query_opn_enum", "257"}),
+        "{\"operation\":\"query_opn_enum\",\"status\":0,\"result\":\"NRV010-C100-I2\"," + none);
+    const TEST_INSTALLATION installation;
+    installation.common_script(
+        "python/pgm_python_common_function.pyc",
+        "def read_mif(file, continuous):\n"
+        "    print('printed')\n"
+        "    return [bytearray(b'abc'), 8, 3]\n"
+        "def get_username(user): return 'J\u00fcrgen \"J\" \\\\ ' + user + '\\n\\x01'\n");
+    const std::string out = installation.folder().path() + "/image.bin";
+    const PROGRAM_RESULT image =
+        call({"--json", "read_mif", "x", "--out", out}, environment_of(installation));
+    EXPECT_EQ(
+        image.output,
+        "{\"operation\":\"read_mif\",\"status\":0,\"width\":8,\"depth\":3,\"size\":3,\"file\":\"" +
+            out + "\"," + none);
+    EXPECT_EQ(image.errors, "printed\n");
+    EXPECT_EQ(installation.folder().read("image.bin"), "abc");
+    expect_success(call({"--json", "get_username", "x"}, environment_of(installation)),
+                   "{\"operation\":\"get_username\",\"status\":0,\"result\":\"J\u00fcrgen "
+                   "\\\"J\\\" \\\\ x\\n\\u0001\"," +
+                       none);
+}
+
+TEST(CallTool, GivesMessagesAsJson) {
+    const PROGRAM_RESULT failed = call({"--json", "query_opn_name", "XYZ"});
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(failed.output,
+              "{\"operation\":\"query_opn_name\",\"status\":1,\"messages\":[{\"kind\":\"error\","
+              "\"text\":\"Fail to execute function query_opn_name in file "
+              "pgm_python_common_function\",\"number\":20351}]}\n");
+    EXPECT_EQ(failed.errors, "");
+
+    const PROGRAM_RESULT mistaken = call({"--json", "query_opn_enum", "x"});
+    EXPECT_EQ(mistaken.status, 2);
+    EXPECT_EQ(
+        mistaken.output,
+        "{\"status\":2,\"messages\":[{\"kind\":\"usage\",\"text\":\"CODE: 'x' is not a number "
+        "from 0 to 0xFFFFFFFF\\nRun with --help for more information.\"}]}\n");
+    EXPECT_EQ(mistaken.errors, "");
+
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "def read_mif(file, continuous): return bytearray()\n");
+    const PROGRAM_RESULT internal = call({"--json", "read_mif", "x"}, environment_of(installation));
+    EXPECT_EQ(internal.status, 3);
+    EXPECT_EQ(internal.output,
+              "{\"operation\":\"read_mif\",\"status\":3,\"messages\":[{\"kind\":\"internal error\","
+              "\"text\":\"return_size == 3\",\"line\":676}]}\n");
+
+    const PROGRAM_RESULT refused = call({"--json", "read_mif", "x", "--out", "-"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_NE(refused.output.find("bytes cannot go where the JSON goes"), std::string::npos);
+}
+
+TEST(Tools, TellTheirVersionAndPython) {
+    const std::string python =
+        run({"-c", "import platform; print(platform.python_version())"}).output;
+    for (const char* const tool : {"pgm_python_run", "pgm_python_call"}) {
+        const PROGRAM_RESULT result = start(tool, {"--version"}, {});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.errors, "");
+        const std::regex lines(std::string(tool) +
+                               R"( \d+\.\d+\.\d+(?:-\d+-g[0-9a-f]+)?\nPython (\S+) \((.+)\)\n)");
+        std::smatch fields;
+        ASSERT_TRUE(std::regex_match(result.output, fields, lines)) << result.output;
+        EXPECT_EQ(fields[1].str() + "\n", python);
+        EXPECT_TRUE(std::filesystem::exists(std::filesystem::u8path(fields[2].str())))
+            << result.output;
+    }
+}
+
+TEST(CallTool, SetsTheSwitchesOfTheLibrary) {
+    const ENVIRONMENT_VALUE unset("PGM_PYTHON_CALLS", nullptr);
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "import os\n"
+                               "def get_username(user):\n"
+                               "    return ' '.join(str(os.environ.get('PGM_PYTHON_' + name))\n"
+                               "                    for name in ('TRACEBACK', 'CALLS'))\n");
+    const std::vector<std::string> environment = environment_of(installation);
+    expect_success(call({"--traceback", "--calls", "fresh", "get_username", "x"}, environment),
+                   "1 fresh\n");
+    expect_success(call({"get_username", "x"}, environment), "None None\n");
+}
+
+TEST(CallTool, MakesACallALineOfABatch) {
+    const TEST_INSTALLATION installation;
+    const std::string script =
+        installation.common_script("python/change.py",
+                                   "def tell(data):\n"
+                                   "    import sys\n"
+                                   "    print('printed')\n"
+                                   "    return bytearray(repr(sys.argv[1:]).encode())\n");
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "def get_username(user): return user\n"
+                               "def query_opn_name(name): raise ValueError(name)\n"
+                               "def read_mif(file, continuous):\n"
+                               "    return 7 if file == 'wrong' else [bytearray(b'abc'), 8, 3]\n");
+    const std::string design = installation.folder().write("design.bin", "design");
+    const std::string out = installation.folder().path() + "/an image.bin";
+    const std::string told = installation.folder().path() + "/told";
+    const std::string calls =
+        installation.folder().write("calls.txt",
+                                    "# a comment\n"
+                                    "get_username 'two  words'\n"
+                                    "\n"
+                                    "   get_username a\\ b\"c 'd' \\\" \\e\"  # another\n"
+                                    "query_opn_name x\n"
+                                    "query_opn_enum x\r\n"
+                                    "read_mif \"x\" --out '" +
+                                        out +
+                                        "'\r\n"
+                                        "get_username 'open\n"
+                                        "read_mif wrong\n"
+                                        "read_mif x --out -\n"
+                                        "sign_compact_ccert -\n"
+                                        "--help\n"
+                                        "modify_bitstream '" +
+                                        design + "' '" + script + "' tell --out '" + told +
+                                        "' -- '' \"\"\n"
+                                        "modify_bitstream '" +
+                                        design + "' '" + script + "' tell --out '" + told +
+                                        "' -- 'a b' #c\n"
+                                        "get_username 'line\\' end");
+    const PROGRAM_RESULT result = call({"--batch", calls}, environment_of(installation));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output,
+              "2: two  words\n"
+              "4: a bc 'd' \" \\e\n"
+              "5: failed, status 1\n"
+              "6: failed, status 2\n"
+              "7: width 8, depth 3\\n3 bytes written to " +
+                  out +
+                  "\n"
+                  "8: failed, status 2\n"
+                  "9: failed, status 3\n"
+                  "10: failed, status 2\n"
+                  "11: failed, status 2\n"
+                  "12: failed, status 2\n"
+                  "13: failed, status 2\n"
+                  "14: 7 bytes written to " +
+                  told +
+                  "\n"
+                  "15: failed, status 2\n");
+    const std::string line = calls + ":";
+    EXPECT_EQ(
+        result.errors,
+        line +
+            "5: error 20351: Fail to execute function query_opn_name in file "
+            "pgm_python_common_function\n" +
+            line + "6: CODE: 'x' is not a number from 0 to 0xFFFFFFFF\n" + line +
+            "8: no closing '\n" + line + "9: " + internal_error_line("return_size == 3", 676) +
+            line + "10: --out: a call of a batch cannot write to standard output\n" + line +
+            "11: CERTIFICATE: a call of a batch cannot read the standard input\n" + line +
+            "12: A subcommand is required\n" + line + "13: ARGUMENT: must not be empty\nprinted\n" +
+            line + "15: The following argument was not expected: end\n" + calls +
+            ": 13 calls, 4 succeeded, 9 failed\n");
+    EXPECT_EQ(installation.folder().read("an image.bin"), "abc");
+    EXPECT_EQ(installation.folder().read("told"), "['a b']");
+}
+
+TEST(CallTool, GivesTheResultsOfABatchAsJson) {
+    const TEMPORARY_FOLDER folder;
+    const std::string calls = folder.write("calls.txt",
+                                           "query_opn_enum 257\n"
+                                           "query_opn_name XYZ\n"
+                                           "query_opn_name NRV010-C100-I2\n");
+    const PROGRAM_RESULT result = call({"--json", "--batch", calls});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output,
+              "{\"line\":1,\"operation\":\"query_opn_enum\",\"status\":0,\"result\":"
+              "\"NRV010-C100-I2\",\"messages\":[]}\n"
+              "{\"line\":2,\"operation\":\"query_opn_name\",\"status\":1,\"messages\":[{\"kind\":"
+              "\"error\",\"text\":\"Fail to execute function query_opn_name in file "
+              "pgm_python_common_function\",\"number\":20351}]}\n"
+              "{\"line\":3,\"operation\":\"query_opn_name\",\"status\":0,\"result\":257,"
+              "\"messages\":[]}\n");
+    EXPECT_EQ(result.errors, calls + ": 3 calls, 2 succeeded, 1 failed\n");
+}
+
+TEST(CallTool, SucceedsWithABatchThatDoes) {
+    const TEMPORARY_FOLDER folder;
+    const std::string calls = folder.write("calls.txt", "query_opn_enum 257\n");
+    const PROGRAM_RESULT result = call({"--batch", calls});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "1: NRV010-C100-I2\n");
+    EXPECT_EQ(result.errors, calls + ": 1 call, 1 succeeded, 0 failed\n");
+    const std::string nothing = folder.write("nothing.txt", "");
+    EXPECT_EQ(call({"--batch", nothing}).status, 0);
+    expect_failure(
+        call({"--batch", folder.path() + "/missing"}), 2,
+        "error: file '" + folder.path() + "/missing' cannot be read: No such file or directory\n");
+    EXPECT_EQ(call({"--batch", calls, "query_opn_enum", "257"}).status, 2);
 }

@@ -7,10 +7,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support.h"
 #include "zel/zel_py/py_reference.h"
+#if defined(_WIN32)
+#include "tests/pythons_runtime_windows.h"
+#endif
 
 namespace {
 
@@ -335,11 +339,35 @@ TEST_F(PyEval, WhatAnExcepthookThatFailsWasGivenIsPrinted) {
           "lambda kind, value, trace: sys.exit('hook')", "lambda: None", "None", "3"}) {
         ASSERT_TRUE(py_eval((std::string("sys.excepthook = ") + hook).c_str()));
         const std::string printed = failure_of("1/0");
-        EXPECT_TRUE(ends_with(printed, division_by_zero)) << hook << "\n" << printed;
+        EXPECT_EQ(printed.rfind("Error in sys.excepthook:\n", 0), 0U) << hook << "\n" << printed;
+        EXPECT_TRUE(
+            ends_with(printed, std::string("\nOriginal exception was:\n") + division_by_zero))
+            << hook << "\n"
+            << printed;
     }
     ASSERT_TRUE(py_eval("del sys.excepthook"));
-    const std::string printed = failure_of("1/0");
-    EXPECT_TRUE(ends_with(printed, division_by_zero)) << printed;
+    EXPECT_EQ(failure_of("1/0"), std::string("sys.excepthook is missing\n") + division_by_zero);
+}
+
+TEST_F(PyEval, APrintedExceptionIsPythonsLastOne) {
+    const SESSION session;
+    EXPECT_EQ(failure_of("1/0"), division_by_zero);
+    ASSERT_TRUE(py_eval("import sys"));
+    EXPECT_EQ(text_of("sys.last_type.__name__"), "ZeroDivisionError");
+    EXPECT_EQ(text_of("sys.last_value"), "division by zero");
+    EXPECT_EQ(text_of("sys.last_traceback is sys.last_value.__traceback__"), "True");
+    EXPECT_EQ(text_of("getattr(sys, 'last_exc', sys.last_value) is sys.last_value"), "True");
+    EXPECT_EQ(text_of("hasattr(sys, 'last_exc') == (sys.version_info >= (3, 12))"), "True");
+    // An exit is none.
+    EXPECT_FALSE(py_eval("sys.exit(3)"));
+    EXPECT_EQ(text_of("sys.last_type.__name__"), "ZeroDivisionError");
+}
+
+TEST_F(PyEval, TextIsUtf8WhateverACodingCookieSays) {
+    const SESSION session;
+    EXPECT_TRUE(py_eval("# -*- coding: latin-1 -*-\nletter = '\xC3\xA4'"));
+    EXPECT_EQ(text_of("letter == chr(0xE4)"), "True");
+    EXPECT_TRUE(py_eval("# -*- coding: no-such-coding -*-\nletter = 'x'"));
 }
 
 TEST_F(PyEval, AnExcepthookMayTakeItselfOut) {
@@ -896,6 +924,19 @@ TEST_F(Session, ACharacterLocaleThatTheHostHasSetIsBackAfterwards) {
     EXPECT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C.UTF-8");
 }
 
+TEST_F(Session, ALocaleThatAScriptSetsIsUndone) {
+    if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr) {
+        GTEST_SKIP() << "the C library has no locale of this name";
+    }
+    const std::string before = std::setlocale(LC_ALL, nullptr);
+    {
+        const SESSION session;
+        EXPECT_TRUE(py_eval("import locale\nlocale.setlocale(locale.LC_ALL, 'C')"));
+        EXPECT_STREQ(std::setlocale(LC_NUMERIC, nullptr), "C");
+    }
+    EXPECT_EQ(std::setlocale(LC_ALL, nullptr), before);
+}
+
 TEST_F(Session, TheEnvironmentStaysTheHosts) {
     const ENVIRONMENT_VALUE all("LC_ALL", nullptr);
     const ENVIRONMENT_VALUE lang("LANG", nullptr);
@@ -909,6 +950,49 @@ TEST_F(Session, TheEnvironmentStaysTheHosts) {
 std::string python_prefix() {
     const SESSION session;
     return text_of("__import__('sys').base_prefix");
+}
+
+// ---- an interpreter that is kept from session to session
+
+TEST_F(Session, ASuspendedInterpreterIsResumedOnAnyThread) {
+    EXPECT_FALSE(py_resume());
+    py_initialize();
+    EXPECT_TRUE(py_owns_interpreter());
+    EXPECT_TRUE(py_eval("there = 1"));
+    py_suspend();
+    EXPECT_FALSE(py_owns_interpreter());
+    EXPECT_NE(Py_IsInitialized(), 0);
+    for (int round = 0; round < 3; ++round) {
+        std::thread([] {
+            ASSERT_TRUE(py_resume());
+            EXPECT_TRUE(py_owns_interpreter());
+            EXPECT_TRUE(py_eval("there += 1"));
+            py_suspend();
+        }).join();
+    }
+    ASSERT_TRUE(py_resume());
+    EXPECT_EQ(text_of("there"), "4");
+    py_finalize();
+    EXPECT_FALSE(interpreter_is_running());
+    EXPECT_FALSE(py_resume());
+}
+
+TEST_F(Session, ASuspendedInterpreterMayBeFinalizedOnAnotherThread) {
+    for (int round = 0; round < 3; ++round) {
+        py_initialize();
+        EXPECT_TRUE(py_eval("import threading"));
+        py_suspend();
+        testing::internal::CaptureStderr();
+        std::thread([] {
+            ASSERT_TRUE(py_resume());
+            EXPECT_TRUE(
+                py_eval("import atexit, sys\n"
+                        "atexit.register(sys.stderr.write, 'ended\\n')"));
+            py_finalize();
+        }).join();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "ended\n");
+        EXPECT_FALSE(interpreter_is_running());
+    }
 }
 
 // An interpreter of the host's own, started without the library.
@@ -956,7 +1040,7 @@ TEST_F(Session, TheLockOfAHostsInterpreterIsTakenAndGivenBack) {
         EXPECT_TRUE(py_eval("x = 1"));
     }
     EXPECT_EQ(PyGILState_Check(), 0);
-    EXPECT_TRUE(interpreter_is_running());
+    EXPECT_NE(Py_IsInitialized(), 0);
     PyEval_RestoreThread(state);
 }
 
@@ -1098,9 +1182,9 @@ TEST_F(BrokenPipes, AScriptThatWritesToAClosedPipeGetsAnException) {
     EXPECT_EQ(text_of("caught"), "an error");
 }
 
-#if defined(SIGPIPE)
-
 using SIGNAL_HANDLER = void (*)(int);
+
+#if defined(SIGPIPE)
 
 SIGNAL_HANDLER broken_pipe_handler() {
     const SIGNAL_HANDLER handler = std::signal(SIGPIPE, SIG_DFL);
@@ -1121,6 +1205,32 @@ TEST_F(BrokenPipes, TheSignalIsIgnoredInASessionAndAsItWasAfterwards) {
     }
 }
 
+TEST_F(Session, SignalHandlersThatAScriptSetsAreUndone) {
+    struct sigaction with_flags = {};
+    with_flags.sa_handler = handler_of_the_host;
+    with_flags.sa_flags = SA_RESTART;
+    sigaddset(&with_flags.sa_mask, SIGUSR2);
+    struct sigaction usr1_before = {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &with_flags, &usr1_before), 0);
+    const SIGNAL_HANDLER interrupt_before = std::signal(SIGINT, SIG_DFL);
+    const SIGNAL_HANDLER end_before = std::signal(SIGTERM, SIG_DFL);
+    {
+        const SESSION session;
+        EXPECT_TRUE(
+            py_eval("import signal\n"
+                    "signal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
+                    "signal.signal(signal.SIGINT, signal.SIG_IGN)\n"
+                    "signal.signal(signal.SIGUSR1, lambda *_: None)"));
+    }
+    EXPECT_EQ(std::signal(SIGTERM, end_before), SIG_DFL);
+    EXPECT_EQ(std::signal(SIGINT, interrupt_before), SIG_DFL);
+    struct sigaction after = {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &usr1_before, &after), 0);
+    EXPECT_EQ(after.sa_handler, handler_of_the_host);
+    EXPECT_NE(after.sa_flags & SA_RESTART, 0);
+    EXPECT_EQ(sigismember(&after.sa_mask, SIGUSR2), 1);
+}
+
 TEST_F(BrokenPipes, WhatTheHostHasSetForTheSignalStays) {
     for (const SIGNAL_HANDLER handler :
          {static_cast<SIGNAL_HANDLER>(handler_of_the_host), SIG_IGN}) {
@@ -1135,6 +1245,24 @@ TEST_F(BrokenPipes, WhatTheHostHasSetForTheSignalStays) {
 }
 
 #else
+
+TEST_F(Session, SignalHandlersThatAScriptSetsAreUndone) {
+    const auto handled_by = [](int signal) {
+        const auto set = of_pythons_runtime<SIGNAL_HANDLER(int, SIGNAL_HANDLER)>("signal");
+        const SIGNAL_HANDLER handler = set(signal, SIG_IGN);
+        set(signal, handler);
+        return handler;
+    };
+    const SIGNAL_HANDLER before = handled_by(SIGTERM);
+    {
+        const SESSION session;
+        EXPECT_TRUE(
+            py_eval("import signal\n"
+                    "signal.signal(signal.SIGTERM, signal.SIG_IGN)"));
+        EXPECT_EQ(handled_by(SIGTERM), SIG_IGN);
+    }
+    EXPECT_EQ(handled_by(SIGTERM), before);
+}
 
 TEST_F(BrokenPipes, TheSignalIsIgnoredInASessionAndAsItWasAfterwards) {
     GTEST_SKIP() << "the platform has no such signal";

@@ -9,3 +9,20 @@ std::string environment_value(const char* name) {
         return ::GetEnvironmentVariableW(wide_name.c_str(), buffer, size);
     }));
 }
+
+std::vector<std::string> environment_entries() {
+    std::vector<std::string> entries;
+    wchar_t* const block = ::GetEnvironmentStringsW();
+    for (const wchar_t* entry = block; entry != nullptr && *entry != L'\0';) {
+        const std::wstring text = entry;
+        entry += text.size() + 1;
+        // The system keeps the current folder of each drive in names that begin with "=".
+        if (text.front() != L'=') {
+            entries.push_back(to_utf8(text));
+        }
+    }
+    if (block != nullptr) {
+        ::FreeEnvironmentStringsW(block);
+    }
+    return entries;
+}

@@ -4,9 +4,13 @@
 #include <array>
 #include <cstdarg>
 #include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <system_error>
 
 #include "pgm/pgm_common/environment.h"
 #include "pgm/pgm_common/hex_text.h"
+#include "pgm/pgm_common/pgm_common_folders.h"
 #include "zel/zel_fio/zel_fio.h"
 #include "zel/zel_mem/zel_mem.h"
 #include "zel/zel_msg/zel_msg.h"
@@ -20,17 +24,52 @@ std::string without_end_separators(std::string folder) {
     return folder;
 }
 
-// The folder that the environment names, or `fallback` under the one above the program's.
-std::string folder(const char* variable, const char* fallback) {
-    const std::string named = environment_value(variable);
-    if (!named.empty()) {
-        return without_end_separators(FIO_PATH(named).fullpath());
+// The folders that the host has chosen; each empty where it has chosen none.
+struct CHOSEN_FOLDERS {
+    std::mutex guard;
+    std::string common;
+    std::string unshipped;
+    std::string bin;
+};
+
+CHOSEN_FOLDERS& chosen_folders() {
+    static CHOSEN_FOLDERS folders;
+    return folders;
+}
+
+// The folder that the host has chosen, else the one that the environment names; empty without
+// either.
+std::string named_folder(std::string CHOSEN_FOLDERS::*which, const char* variable) {
+    std::string named;
+    {
+        CHOSEN_FOLDERS& chosen = chosen_folders();
+        const std::lock_guard<std::mutex> guard(chosen.guard);
+        named = chosen.*which;
     }
-    std::string program = FIO_FILE_SYSTEM::program_directory();
-    if (*fallback == '\0') {
-        return program;
+    if (named.empty()) {
+        named = environment_value(variable);
     }
-    return without_end_separators(FIO_PATH(program).full_directory()) + fallback;
+    return named.empty() ? named : without_end_separators(FIO_PATH(named).fullpath());
+}
+
+bool is_folder(const std::string& path) {
+    std::error_code ignored;
+    return std::filesystem::is_directory(std::filesystem::u8path(path), ignored);
+}
+
+// The folder of scripts at `place`, found from the program's. The build tree and the zip have it
+// beside the program's folder, packages where the file-system standard wants it.
+std::string script_folder(const char* place) {
+    const std::string above =
+        without_end_separators(FIO_PATH(FIO_FILE_SYSTEM::program_directory()).full_directory());
+    std::string beside = above + place;
+    if (!is_folder(beside)) {
+        std::string shared = above + "/share/pgm_python" + place;
+        if (is_folder(shared)) {
+            return shared;
+        }
+    }
+    return beside;
 }
 
 char lower(char letter) {
@@ -51,16 +90,33 @@ bool same_letters(const std::string& one, const std::string& other) {
 
 }  // namespace
 
+void PGM_COMMON_FOLDERS::set(const std::string& common, const std::string& unshipped,
+                             const std::string& bin) {
+    // Copied first, so that nothing is changed when memory runs out.
+    std::string new_common = common;
+    std::string new_unshipped = unshipped;
+    std::string new_bin = bin;
+    CHOSEN_FOLDERS& chosen = chosen_folders();
+    const std::lock_guard<std::mutex> guard(chosen.guard);
+    chosen.common.swap(new_common);
+    chosen.unshipped.swap(new_unshipped);
+    chosen.bin.swap(new_bin);
+}
+
 std::string PGM_COMMON::pgm_get_common_programmer() {
-    return folder("PGM_COMMON_PROGRAMMER_DIR", "/common/programmer");
+    const std::string named = named_folder(&CHOSEN_FOLDERS::common, "PGM_COMMON_PROGRAMMER_DIR");
+    return named.empty() ? script_folder("/common/programmer") : named;
 }
 
 std::string PGM_COMMON::pgm_get_unshipped_programmer(bool /*internal*/) {
-    return folder("PGM_UNSHIPPED_PROGRAMMER_DIR", "/unshipped/programmer");
+    const std::string named =
+        named_folder(&CHOSEN_FOLDERS::unshipped, "PGM_UNSHIPPED_PROGRAMMER_DIR");
+    return named.empty() ? script_folder("/unshipped/programmer") : named;
 }
 
 std::string PGM_COMMON::pgm_get_bin_directory() {
-    return folder("PGM_BIN_DIR", "");
+    const std::string named = named_folder(&CHOSEN_FOLDERS::bin, "PGM_BIN_DIR");
+    return named.empty() ? FIO_FILE_SYSTEM::program_directory() : named;
 }
 
 std::string PGM_COMMON::get_extension(const std::string& file) {
@@ -85,7 +141,7 @@ int PGM_COMMON::match_extension(const std::string& file,
     return 0;
 }
 
-std::string PGM_COMMON::convert_byte_array_to_standard_hex_string(const unsigned char* bytes,
+std::string PGM_COMMON::convert_byte_array_to_standard_hex_string(unsigned char* bytes,
                                                                   unsigned long size,
                                                                   bool /*upper_case*/,
                                                                   bool /*prefixed*/) {

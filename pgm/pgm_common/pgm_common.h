@@ -22,14 +22,20 @@
 class PGM_COMMON {
 public:
     // The three folders of the suite, with forward slashes and without a separator at the end. Each
-    // is named by an environment variable, read anew at every call; where that is unset or empty,
-    // the folder is found from the place of the running program.
+    // is the one that the host has chosen (PGM_COMMON_FOLDERS), else the one that an environment
+    // variable names, read anew at every call; where that is unset or empty, the folder is found
+    // from the place of the running program.
     //
     //     PGM_COMMON_PROGRAMMER_DIR      the folder beside the program's: ../common/programmer
     //     PGM_UNSHIPPED_PROGRAMMER_DIR   ../unshipped/programmer
     //     PGM_BIN_DIR                    the program's own folder
     //
-    // `internal` is for the suite's own use and changes nothing here.
+    // Where ../common/programmer is not there, ../share/pgm_python/common/programmer is taken when
+    // it is; and in the same way for the unshipped folder.
+    //
+    // The odd shape of what follows is the suite's: arguments that change nothing here (`internal`,
+    // the flags of the hexadecimal text, the finer rules of splitting) are there so that a suite
+    // build can put its own library in the place of this one.
     PGM_COMMON_API static std::string pgm_get_common_programmer();
     PGM_COMMON_API static std::string pgm_get_unshipped_programmer(bool internal);
     PGM_COMMON_API static std::string pgm_get_bin_directory();
@@ -45,9 +51,10 @@ public:
 
     // The bytes as hexadecimal text: two upper-case digits a byte, in the order of the bytes,
     // nothing between them. `upper_case` must be true and `prefixed` false: the suite knows other
-    // forms, of which nothing here has need. Throws std::bad_alloc when memory runs out.
+    // forms, of which nothing here has need. The bytes are only read; that they are not const is
+    // the suite's signature. Throws std::bad_alloc when memory runs out.
     PGM_COMMON_API static std::string convert_byte_array_to_standard_hex_string(
-        const unsigned char* bytes, unsigned long size, bool upper_case, bool prefixed);
+        unsigned char* bytes, unsigned long size, bool upper_case, bool prefixed);
 
     // The pieces between the occurrences of the whole `delimiter`, in order. With `drop_empty`,
     // empty pieces are left out. At most `most` pieces are split off; what remains is then the last

@@ -39,48 +39,19 @@ bool is_one_of(const std::array<const char*, 2>& functions, const std::string& f
     return std::find(functions.begin(), functions.end(), function) != functions.end();
 }
 
-void append_bytes(std::vector<unsigned char>& data, PyObject* bytearray) {
-    const BYTES bytes = bytes_of_bytearray(bytearray);
-    data.insert(data.end(), bytes.data, bytes.data + bytes.size);
-}
-
 // A list of bytearrays; anything but a list holds no chunks.
-bool convert_chunks(PyObject* result, std::vector<unsigned char>& data) {
-    if (PyList_Check(result) == 0) {
-        return true;
-    }
-    const Py_ssize_t count = PyList_GET_SIZE(result);
-    std::size_t size = 0;
-    for (Py_ssize_t index = 0; index < count; ++index) {
-        PyObject* const chunk = PyList_GET_ITEM(result, index);
-        require(chunk != nullptr, {"pObj != nullptr", 1433});
-        if (PyByteArray_Check(chunk) == 0) {
-            return false;
-        }
-        size += bytes_of_bytearray(chunk).size;
-    }
-    data.reserve(size);
-    for (Py_ssize_t index = 0; index < count; ++index) {
-        append_bytes(data, PyList_GET_ITEM(result, index));
-    }
-    return true;
-}
+constexpr ANSWER_FORM chunks_answer = {
+    ANSWER_FORM::KIND::chunks, {"pObj != nullptr", 1433}, {}, {}, 0};
 
 // A list of a bytearray, the hash, and an int, the size.
-bool convert_hash_and_size(PyObject* result, std::vector<unsigned char>& data,
-                           unsigned long& size) {
-    require(PyList_Check(result) != 0 && PyList_Size(result) == 2, {"list_size == 2", 1443});
-    PyObject* const hash = PyList_GetItem(result, 0);
-    require(hash != nullptr, {"pObj != nullptr", 1447});
-    if (PyByteArray_Check(hash) == 0) {
-        return false;
-    }
-    append_bytes(data, hash);
-    PyObject* const number = PyList_GetItem(result, 1);
-    require(number != nullptr, {"pObj != nullptr", 1454});
-    size = number_of_int(number);
-    return true;
-}
+constexpr ANSWER_FORM hash_and_size_answer = {
+    ANSWER_FORM::KIND::items,
+    {"list_size == 2", 1443},
+    {},
+    {{{ANSWER_FORM::KIND::bytes, {"pObj != nullptr", 1447}, true},
+      {ANSWER_FORM::KIND::number, {"pObj != nullptr", 1454}, false},
+      {}}},
+    2};
 
 }  // namespace
 
@@ -90,7 +61,6 @@ std::vector<unsigned char> PGM_PYTHON_MGR::get_nwfmt_data(
     const std::map<std::string, std::string>& dict_2, const std::string& text_2,
     const std::map<std::string, std::string>& dict_3,
     const std::map<std::string, std::string>& dict_4, unsigned long& size_out) {
-    std::vector<unsigned char> data;
     require(!python_file.empty(), {"Python file must be specified", 1387});
     // No separator between the folder and "nwfmt".
     const std::string filename = MEM_DETAIL::stl_raw_sprintf(
@@ -117,11 +87,16 @@ std::vector<unsigned char> PGM_PYTHON_MGR::get_nwfmt_data(
                       {"PyTuple_SetItem(pArgs, 4, pArg) == 0", 488});
     call.add_argument(map_argument(dict_4), {"pArg != nullptr", 498},
                       {"PyTuple_SetItem(pArgs, 5, pArg) == 0", 499});
-    call.run([&](PyObject* result) {
-        return gives_chunks ? convert_chunks(result, data)
-                            : convert_hash_and_size(result, data, size_out);
-    });
-    return data;
+    if (gives_chunks) {
+        return call.run(chunks_answer).chunks;
+    }
+    const ANSWER answer = call.run(hash_and_size_answer);
+    if (!answer.success) {
+        return {};
+    }
+    size_out = answer.numbers.at(0);
+    const unsigned char* const hash = answer.bytes.data();
+    return std::vector<unsigned char>(hash, hash + answer.bytes.size());
 }
 
 bool PGM_PYTHON_MGR::generate_rim(std::string rbf_file, std::string family,
@@ -140,31 +115,25 @@ bool PGM_PYTHON_MGR::generate_rim(std::string rbf_file, std::string family,
                       {"PyTuple_SetItem(pArgs, 2, pArg2) == 0", 1550});
     call.add_argument(text_argument(output_file), {"pArg3 != nullptr", 1546},
                       {"PyTuple_SetItem(pArgs, 3, pArg3) == 0", 1551});
-    return call.run(ignore_result);
+    return call.run(ANSWER_FORM::KIND::ignored).success;
 }
 
 std::string PGM_PYTHON_MGR::execute_mysql(std::vector<std::string> arguments, bool& found) {
-    std::string answer;
     found = false;
     const std::string mysql_file = MEM_DETAIL::stl_raw_sprintf(
         "%s/mysql/mysql.pyc", PGM_COMMON::pgm_get_unshipped_programmer(true).c_str());
     if (!FIO_FILE_SYSTEM::exists(mysql_file.c_str())) {
-        return answer;
+        return "";
     }
     found = true;
     BRIDGE_CALL call(execute_mysql_bridge, mysql_file, "mysql");
     call.set_script_arguments(std::move(arguments));
-    call.run([&](PyObject* result) {
-        answer = text_of_str_or_bytes(result);
-        return true;
-    });
-    return answer;
+    return call.run(ANSWER_FORM::KIND::text_or_bytes).text;
 }
 
 std::string PGM_PYTHON_MGR::sync_p4file(std::string folder, std::string p4source) {
     require(!folder.empty(), {"folder must be specified", 941});
     require(!p4source.empty(), {"p4source must be specified", 942});
-    std::string answer;
     BRIDGE_CALL call(sync_p4file_bridge, common_script("%s/python/pgm_python_common_function.pyc"),
                      "sync_p4file");
     call.expect_tuple({"pArgs != NULL", 959});
@@ -172,9 +141,5 @@ std::string PGM_PYTHON_MGR::sync_p4file(std::string folder, std::string p4source
                       {"PyTuple_SetItem(pArgs, 0, pArg0) == 0", 964});
     call.add_argument(text_argument(p4source), {"pArg1 != NULL", 963},
                       {"PyTuple_SetItem(pArgs, 1, pArg1) == 0", 965});
-    call.run([&](PyObject* result) {
-        answer = text_of_str(result);
-        return true;
-    });
-    return answer;
+    return call.run(ANSWER_FORM::KIND::text).text;
 }

@@ -1,10 +1,12 @@
 #include "pgm/pgm_python/interpreter_session.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <utility>
 
 #include "pgm/pgm_common/pgm_common.h"
+#include "pgm/pgm_python/back_channel.h"
 #include "pgm/pgm_python/messages.h"
 #include "pgm/pgm_python/pgm_python_mgr.h"
 #include "zel/zel_fio/zel_fio.h"
@@ -31,8 +33,10 @@ struct WIDE_VECTOR_RELEASE {
     }
 };
 
-// Runs one statement of the set-up; `format` may hold one %s, filled with `folder` as it is.
+// Runs one statement of the set-up; `format` holds one %s within quotes, filled with `folder` as it
+// is. A folder that would end the quoted text fails the check, and nothing of it is run.
 void run_statement(const char* format, const std::string& folder, const CHECK& check) {
+    require(folder.find_first_of("\"\r\n") == std::string::npos, check);
     const std::string setting = MEM_DETAIL::stl_raw_sprintf(format, folder.c_str());
     require(py_eval(setting.c_str()), check);
 }
@@ -60,6 +64,55 @@ void set_interpreter_arguments(int count, wchar_t** arguments) {
 }
 
 #endif
+
+std::atomic<bool> session_in_force = false;
+
+// The order of the kept interpreter, while there is one. The objects in it go with the interpreter,
+// so that nothing is done as the process ends.
+SESSION_ORDER* kept_order = nullptr;
+bool kept_order_is_current = false;
+
+// The order of the interpreter in force, which is kept: made by its first session.
+SESSION_ORDER* order_of_kept() {
+    if (!kept_order_is_current) {
+        kept_order = new SESSION_ORDER(SESSION_ORDER::INTERPRETER::kept);
+        kept_order_is_current = true;
+        // What making it has changed in the process is no script's doing.
+        py_suspend();
+        py_resume();
+    }
+    return kept_order;
+}
+
+// Ends the kept interpreter, if there is one.
+void end_kept() {
+    if (py_resume()) {
+        if (kept_order_is_current) {
+            delete kept_order;
+        }
+        kept_order_is_current = false;
+        py_finalize();
+    }
+}
+
+// Has an interpreter that is about to be finalised put an entry of os.environ back as it is now.
+// Functions for the end run in reverse: those that the script registers later still find the entry.
+bool withdraws_at_end(PyObject* environment, PyObject* name) {
+    const PY_REFERENCE before = PY_REFERENCE::owned(PyObject_GetItem(environment, name));
+    PyErr_Clear();  // there was none
+    const PY_REFERENCE at_exit = PY_REFERENCE::owned(PyImport_ImportModule("atexit"));
+    const PY_REFERENCE put_back =
+        PY_REFERENCE::owned(PyObject_GetAttrString(environment, before ? "__setitem__" : "pop"));
+    if (!at_exit || !put_back) {
+        return false;
+    }
+    const PY_REFERENCE registered = PY_REFERENCE::owned(PyObject_CallMethod(
+        at_exit.get(), "register", "OOO", put_back.get(), name, before ? before.get() : Py_None));
+    return static_cast<bool>(registered);
+}
+
+// Whether the next session's interpreter runs already.
+bool started_ahead = false;
 
 }  // namespace
 
@@ -162,19 +215,106 @@ void WIDE_ARGUMENT_VECTOR::set(const std::string& script,
     set_interpreter_arguments(m_count, m_arguments);
 }
 
-INTERPRETER_SESSION::INTERPRETER_SESSION() {
+SESSION_CLAIM::SESSION_CLAIM() {
+    if (session_in_force.exchange(true)) {
+        fail({"Python session is in force already", 2011});
+    }
+}
+
+SESSION_CLAIM::~SESSION_CLAIM() {
+    session_in_force = false;
+}
+
+INTERPRETER_SESSION::INTERPRETER_SESSION(PGM_PYTHON_CALLS calls) {
+    const bool kept = calls == PGM_PYTHON_CALLS::kept;
+    if (!kept) {
+        end_kept();
+    }
+    if (!kept || !py_resume()) {
+        kept_order_is_current = false;
+        if (!std::exchange(started_ahead, false)) {
+            py_initialize();
+        }
+    }
+    try {
+        if (!py_owns_interpreter()) {
+            m_own_order = std::make_unique<SESSION_ORDER>(SESSION_ORDER::INTERPRETER::hosts);
+            m_order = m_own_order.get();
+        } else if (kept) {
+            m_order = order_of_kept();
+        }
+        if (m_order != nullptr) {
+            m_order->begin();
+        }
+    } catch (...) {
+        m_own_order.reset();
+        kept_order_is_current = false;
+        py_finalize();
+        throw;
+    }
+}
+
+void INTERPRETER_SESSION::start_ahead() {
     py_initialize();
+    started_ahead = true;
 }
 
 INTERPRETER_SESSION::~INTERPRETER_SESSION() {
     m_kept.clear();
-    py_finalize();
+    if (m_order == nullptr) {
+        py_finalize();
+        return;
+    }
+    const std::vector<std::string> failures = m_order->end();
+    m_own_order.reset();
+    if (py_owns_interpreter()) {
+        py_suspend();
+    } else {
+        py_finalize();
+    }
+    for (const std::string& failure : failures) {
+        try {
+            PGM_COMMON_MSG::print_msg(MSG_TYPE_ERROR, 0,
+                                      "Python interpreter cannot be put in order: %s",
+                                      failure.c_str());
+        } catch (...) {
+            return;  // the host's receiver has said enough
+        }
+    }
 }
 
 void INTERPRETER_SESSION::setup_system_path() {
     PGM_PYTHON_MGR::setup_system_path();
+    if (m_order != nullptr) {
+        m_order->search_path_is_set();
+    }
 }
 
 std::string INTERPRETER_SESSION::setup_system_path(const std::string& script) {
-    return PGM_PYTHON_MGR::setup_system_path(script);
+    std::string module = PGM_PYTHON_MGR::setup_system_path(script);
+    if (m_order != nullptr) {
+        m_order->search_path_is_set();
+    }
+    return module;
+}
+
+void PGM_PYTHON_SETTINGS::end_kept_interpreter() {
+    const SESSION_CLAIM claim;
+    end_kept();
+}
+
+void INTERPRETER_SESSION::announce_reasons_channel(const std::string& text) {
+    if (text.empty()) {
+        return;
+    }
+    const PY_REFERENCE os = PY_REFERENCE::owned(PyImport_ImportModule("os"));
+    const PY_REFERENCE environment =
+        PY_REFERENCE::owned(os ? PyObject_GetAttrString(os.get(), "environ") : nullptr);
+    const PY_REFERENCE name = PY_REFERENCE::owned(PyUnicode_FromString(reasons_channel_variable));
+    const PY_REFERENCE channel = PY_REFERENCE::owned(PyUnicode_FromString(text.c_str()));
+    if (environment && name && channel &&
+        (m_order != nullptr || withdraws_at_end(environment.get(), name.get()))) {
+        PyObject_SetItem(environment.get(), name.get(), channel.get());
+    }
+    PyErr_Clear();
 }

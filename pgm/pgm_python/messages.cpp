@@ -1,5 +1,6 @@
 #include "pgm/pgm_python/messages.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <vector>
 
@@ -17,6 +18,8 @@ constexpr unsigned long execution_failure = 20351;
 constexpr unsigned long execution_failure_reason = 20353;
 constexpr unsigned long execution_failure_file = 20354;
 
+// The suite's numbers of this library, in the suite's order. The first two are registered and never
+// posted.
 constexpr unsigned long registered_ids[] = {20246, 20259, execution_failure, execution_failure_file,
                                             execution_failure_reason};
 constexpr int registered_types[] = {0, 0, 0, 0, 0};
@@ -32,16 +35,29 @@ MSG_E* make_message(unsigned long id, const char* literal,
     return message.release();
 }
 
+std::atomic<void (*)()> fatal_report_returned{nullptr};
+
+[[noreturn]] void end_process() {
+    if (void (*const returned)() = fatal_report_returned.load()) {
+        returned();
+    }
+    std::abort();
+}
+
 }  // namespace
+
+void tell_of_fatal_reports(void (*returned)()) {
+    fatal_report_returned = returned;
+}
 
 void fail(const CHECK& check) {
     MSG_INTERNAL_ERROR::report(check.text, module_name, source_name, check.line);
-    std::abort();
+    end_process();
 }
 
 void fail(int line, const char* format, const std::string& argument) {
     MSG_INTERNAL_ERROR::report_varg(module_name, source_name, line, format, argument.c_str());
-    std::abort();
+    end_process();
 }
 
 void report_and_go_on(const CHECK& check) {

@@ -30,6 +30,11 @@ inline void require(bool condition, const CHECK& check) {
     }
 }
 
+// Has a function called, in place of nothing, when the report of an internal error that `fail` made
+// has returned and the process is about to end. Null takes it back. For a process that reports to
+// another one.
+void tell_of_fatal_reports(void (*returned)());
+
 // Reports an internal error whose check is written to go on when the report returns.
 void report_and_go_on(const CHECK& check);
 void report_and_go_on(int line, const char* format, int argument);

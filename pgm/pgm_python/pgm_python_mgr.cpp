@@ -6,11 +6,12 @@
 
 #include "pgm/pgm_common/pgm_common.h"
 #include "pgm/pgm_python/back_channel.h"
-#include "pgm/pgm_python/interpreter_session.h"
-#include "pgm/pgm_python/messages.h"
+#include "pgm/pgm_python/own_surroundings.h"
+#include "pgm/pgm_python/script_run.h"
+#include "pgm/pgm_python/settings.h"
+#include "pgm/pgm_python/worker_call.h"
 #include "zel/zel_fio/zel_fio.h"
 #include "zel/zel_msg/zel_msg.h"
-#include "zel/zel_py/zel_py.h"
 
 namespace {
 
@@ -36,12 +37,10 @@ private:
     const char* m_callers;
 };
 
-bool run_source(int argc, const char** argv) {
-    try {
-        return py_source_with_args(argc, argv);
-    } catch (...) {
-        return false;
-    }
+bool run(const RUN_REQUEST& request, ROAD_SURROUNDINGS& surroundings) {
+    return request.settings.calls == PGM_PYTHON_CALLS::worker
+               ? walk_run_in_worker(request, surroundings)
+               : walk_run(request, surroundings);
 }
 
 }  // namespace
@@ -51,6 +50,9 @@ bool PGM_PYTHON_MGR::run_python_file(int argc, const char** argv) {
         PGM_COMMON_MSG::print_msg(MSG_TYPE_ERROR, 0, "%s", usage);
         return false;
     }
+    const SETTINGS settings = settings_in_force();
+    BACK_CHANNEL back_channel(settings.reasons);
+    OWN_SURROUNDINGS surroundings(back_channel);
     const std::string first = argv[0];
     if (first == "-c") {
         if (argc < 2 || argv[1] == nullptr) {
@@ -58,9 +60,10 @@ bool PGM_PYTHON_MGR::run_python_file(int argc, const char** argv) {
                                       "This is command mode, command(s) must be specified");
             return false;
         }
-        INTERPRETER_SESSION session;
-        session.setup_system_path();
-        return py_eval(argv[1]);
+        RUN_REQUEST request;
+        request.settings = settings;
+        request.command = argv[1];
+        return run(request, surroundings);
     }
     if (PGM_COMMON::match_extension(first, {".py", ".pyc"}) == 0 &&
         !PGM_COMMON::get_extension(first).empty()) {
@@ -78,12 +81,13 @@ bool PGM_PYTHON_MGR::run_python_file(int argc, const char** argv) {
                                   script.c_str());
         return false;
     }
-    BACK_CHANNEL back_channel;
     back_channel.start();
-    INTERPRETER_SESSION session;
-    session.setup_system_path();
-    session.setup_system_path(script);
-    const bool success = run_source(argc, argv);
-    back_channel.complete(success, "", script);
-    return success;
+    RUN_REQUEST request;
+    request.settings = settings;
+    request.is_script = true;
+    request.announced_channel = back_channel.announced();
+    for (int index = 0; index < argc && argv[index] != nullptr; ++index) {
+        request.arguments.emplace_back(argv[index]);
+    }
+    return run(request, surroundings);
 }

@@ -9,8 +9,9 @@
 
 #include "pgm/pgm_python/pgm_python_export.h"
 
-// One static operation a job. Each checks its arguments, runs one function of one script of the
-// installation in an interpreter of its own, and gives back what the function answered:
+// One operation a job, all static but get_nwfmt_data, which uses no state either. Each checks its
+// arguments, runs one function of one script of the installation in an interpreter of its own, and
+// gives back what the function answered:
 //
 //     const std::string name = PGM_PYTHON_MGR::query_opn_enum(0x1001);
 //     if (name.empty()) {
@@ -20,6 +21,13 @@
 // Threads: an operation does all its work on the calling thread and may be called on any, but
 // operations must not overlap, in this process or (those with a back channel) with another
 // process's: the interpreter is process-wide and the back channel is one fixed port.
+// An operation that is called while another one of the process has its interpreter, on whatever
+// thread, is an internal error that is told before Python is touched; the other one goes on.
+//
+// What scripts change in the process: the handling of signals and the locale are put back when an
+// operation ends. The working directory, the environment and the umask are the scripts' to change
+// and stay as they leave them. docs/sessions.md says more, and what differs where calls share an
+// interpreter (pgm_python_settings.h).
 //
 // Texts are UTF-8 and reach scripts up to their first zero byte. Numbers are 32-bit: of an
 // unsigned long the low 32 bits count, scripts get them as signed numbers, and numbers that come
@@ -132,8 +140,9 @@ public:
     // other arguments are passed on to the script. Returns no bytes on failure; `size_out` is
     // stored by a hash function's success only.
     // Internal errors: an empty file or function name, a missing script, another function, a hash
-    // function's answer that is not a list of two. An answer of the wrong type inside the list and
-    // a map with a text that is not UTF-8 make a failed call.
+    // function's answer that is not a list of two. A chunk or a hash that is no bytearray and a map
+    // with a text that is not UTF-8 make a failed call. Chunks that do not come in a list are none,
+    // and a size that is no int of 32 bits is stored as 0xFFFFFFFF; both are successes.
     PGM_PYTHON_API std::vector<unsigned char> get_nwfmt_data(
         const std::string& python_file, const std::string& python_function,
         const std::string& text_1, const std::map<std::string, std::string>& dict_1,
@@ -164,7 +173,7 @@ public:
 private:
     friend class INTERPRETER_SESSION;
     friend class WIDE_ARGUMENT_VECTOR;
-    friend class BRIDGE_CALL;
+    friend class CALL_ROAD;
     friend struct PGM_PYTHON_MGR_TEST;  // the tests of the operations below
 
     // interpreter_session

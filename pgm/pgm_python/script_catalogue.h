@@ -9,6 +9,8 @@
 // A row of the catalogue, four texts: the name by which callers ask for the script; the file's stem
 // when it is another one, else empty; the extension, "py" or "pyc"; the folder, "0" for the common
 // programmer folder and "1" for the unshipped one.
+// Texts throughout, the folder too, and checked row by row: the suite keeps its catalogue so, and
+// the checks are part of what is reported.
 typedef std::vector<std::string> CATALOGUE_ROW;
 
 // The catalogue, in the order in which it is searched.

@@ -40,24 +40,24 @@ bool is_key_file(const std::string& file, const char* extension) {
            (PGM_COMMON::match_extension(name, {extension}) != 0 && FIO_FILE_SYSTEM::exists(name));
 }
 
-// A buffer that a script's answer filled, for the caller: null when it is empty.
-class RETURNED_BYTES {
-public:
-    // Takes a copy of a bytearray's bytes and stores their number.
-    bool take(PyObject* result, unsigned long& size) {
-        const BYTES bytes = bytes_of_bytearray(result);
-        m_buffer = bytes.size == 0 ? nullptr : copy_of(bytes);
-        size = static_cast<unsigned long>(bytes.size);
-        return true;
+// Runs a call that is to answer bytes: a buffer for the caller, null when it is empty, and its
+// size, which a failed call leaves as it is.
+unsigned char* returned_bytes(BRIDGE_CALL& call, unsigned long& size) {
+    ANSWER answer = call.run(ANSWER_FORM::KIND::bytes);
+    if (answer.success) {
+        size = static_cast<unsigned long>(answer.bytes.size());
     }
-
-    unsigned char* release() { return m_buffer.release(); }
-
-private:
-    std::unique_ptr<unsigned char[]> m_buffer;
-};
+    return answer.bytes.release_unless_empty();
+}
 
 constexpr std::size_t root_key_size = 32;
+
+// True, when the bytearray has been filled in.
+constexpr ANSWER_FORM root_key_answer = {ANSWER_FORM::KIND::filled_in,
+                                         {"PyBool_Check(pResult)", 904},
+                                         {"pResult == Py_True", 905},
+                                         {},
+                                         0};
 
 // A key on the free store, overwritten before it is released.
 struct KEY_RELEASE {
@@ -78,7 +78,6 @@ unsigned char* PGM_PYTHON_MGR::generate_compact_cert(
     require(is_key_file(zky, ".zky"), {zky_check, 1118});
     require(is_key_file(pem, ".pem"), {pem_check, 1119});
     out_size = 0;
-    RETURNED_BYTES certificate;
     BRIDGE_CALL call(generate_compact_cert_bridge, common_script("%s/python/compact_cert_sign.pyc"),
                      "external_sign_function");
     call.expect_tuple({"pArgs != NULL", 1138});
@@ -92,8 +91,7 @@ unsigned char* PGM_PYTHON_MGR::generate_compact_cert(
                       {"PyTuple_SetItem(pArgs, 3, pArg3) == 0", 1153});
     call.add_argument(text_argument(pem), {"pArg4 != NULL", 1148},
                       {"PyTuple_SetItem(pArgs, 4, pArg4) == 0", 1154});
-    call.run([&](PyObject* result) { return certificate.take(result, out_size); });
-    return certificate.release();
+    return returned_bytes(call, out_size);
 }
 
 unsigned char* PGM_PYTHON_MGR::sign_compact_ccert(unsigned long& out_size,
@@ -108,7 +106,6 @@ unsigned char* PGM_PYTHON_MGR::sign_compact_ccert(unsigned long& out_size,
     require(is_key_file(zky, ".zky"), {zky_check, 1243});
     require(is_key_file(pem, ".pem"), {pem_check, 1244});
     out_size = 0;
-    RETURNED_BYTES certificate;
     // From source, where the other fixed scripts are compiled.
     BRIDGE_CALL call(sign_compact_ccert_bridge, common_script("%s/python/norvane_sign.py"),
                      "external_ccert_sign_function");
@@ -116,8 +113,7 @@ unsigned char* PGM_PYTHON_MGR::sign_compact_ccert(unsigned long& out_size,
     call.expect_tuple({"pArgs != nullptr", 1269});
     call.add_argument(hex_argument(unsign_content, unsign_content_size), {"pArg0 != nullptr", 1271},
                       {"PyTuple_SetItem(pArgs, 0, pArg0) == 0", 1272});
-    call.run([&](PyObject* result) { return certificate.take(result, out_size); });
-    return certificate.release();
+    return returned_bytes(call, out_size);
 }
 
 bool PGM_PYTHON_MGR::verify_compact_cert_keychain(unsigned char* content,
@@ -130,7 +126,7 @@ bool PGM_PYTHON_MGR::verify_compact_cert_keychain(unsigned char* content,
     call.expect_tuple({"pArgs != NULL", 1207});
     call.add_argument(hex_argument(content, content_size), {"pArg != NULL", 1209},
                       {"PyTuple_SetItem(pArgs, 0, pArg) == 0", 1210});
-    return call.run(ignore_result);
+    return call.run(ANSWER_FORM::KIND::ignored).success;
 }
 
 bool PGM_PYTHON_MGR::verify_compact_cert_keychain(std::string script, unsigned char* content,
@@ -147,7 +143,7 @@ bool PGM_PYTHON_MGR::verify_compact_cert_keychain(std::string script, unsigned c
     call.expect_tuple({"pArgs != nullptr", 1328});
     call.add_argument(hex_argument(content, content_size), {"pArg != nullptr", 1330},
                       {"PyTuple_SetItem(pArgs, 0, pArg) == 0", 1331});
-    return call.run(ignore_result);
+    return call.run(ANSWER_FORM::KIND::ignored).success;
 }
 
 unsigned char* PGM_PYTHON_MGR::get_zek_root_key(std::string zek_file, unsigned long& size,
@@ -155,14 +151,6 @@ unsigned char* PGM_PYTHON_MGR::get_zek_root_key(std::string zek_file, unsigned l
     require(!zek_file.empty(), {"No ZEK file is specified", 869});
     std::unique_ptr<unsigned char[], KEY_RELEASE> key(new unsigned char[root_key_size]());
     size = 0;
-    // The script fills in the bytearray that it is given, which the tuple holds.
-    PyObject* filled_in = nullptr;
-    const ARGUMENT key_argument = {[&](INTERPRETER_SESSION& session) {
-                                       filled_in =
-                                           bytes_argument(key.get(), root_key_size).make(session);
-                                       return filled_in;
-                                   },
-                                   ARGUMENT::REFERENCE::owned_secret};
     BRIDGE_CALL call(get_zek_root_key_bridge,
                      common_script("%s/python/pgm_python_common_function.pyc"), "get_zek_root_key");
     call.expect_tuple({"pArgs != nullptr", 890});
@@ -170,19 +158,14 @@ unsigned char* PGM_PYTHON_MGR::get_zek_root_key(std::string zek_file, unsigned l
                       {"PyTuple_SetItem(pArgs, 0, pArg0) == 0", 897});
     call.add_argument(::text_argument(text_argument), {"pArg1 != nullptr", 894},
                       {"PyTuple_SetItem(pArgs, 1, pArg1) == 0", 898});
-    call.add_argument(key_argument, {"pArg2 != nullptr", 896},
+    call.add_argument(filled_in_argument(root_key_size), {"pArg2 != nullptr", 896},
                       {"PyTuple_SetItem(pArgs, 2, pArg2) == 0", 899});
-    const bool success = call.run([&](PyObject* result) {
-        require(PyBool_Check(result) != 0, {"PyBool_Check(pResult)", 904});
-        require(result == Py_True, {"pResult == Py_True", 905});
-        const BYTES filled = bytes_of_bytearray(filled_in);
-        std::memcpy(key.get(), filled.data, std::min(filled.size, root_key_size));
-        overwrite_bytearray(filled_in);
+    const ANSWER answer = call.run(root_key_answer);
+    if (answer.success) {
+        std::memcpy(key.get(), answer.bytes.data(), std::min(answer.bytes.size(), root_key_size));
         size = root_key_size;
-        return true;
-    });
-    // A script that could not be loaded leaves the caller a key of zeros and size 0.
-    if (!success && call.was_made()) {
+    } else if (answer.made) {
+        // A script that could not be loaded leaves the caller a key of zeros and size 0.
         key.reset();
     }
     return key.release();
@@ -193,13 +176,11 @@ unsigned char* PGM_PYTHON_MGR::modify_bitstream(const unsigned char* data, unsig
                                                 std::string function_name,
                                                 std::vector<std::string> script_args) {
     require(!python_file.empty(), {"Python file must be specified", 600});
-    RETURNED_BYTES bitstream;
     BRIDGE_CALL call(modify_bitstream_bridge, find_default_script(std::move(python_file)),
                      std::move(function_name));
     call.set_script_arguments(std::move(script_args));
     call.expect_tuple({"pArgs != nullptr", 613});
     call.add_argument(bytes_argument(data, low_32_bits(size)), {"pArg != nullptr", 615},
                       {"PyTuple_SetItem(pArgs, 0, pArg) == 0", 616});
-    call.run([&](PyObject* result) { return bitstream.take(result, out_size); });
-    return bitstream.release();
+    return returned_bytes(call, out_size);
 }

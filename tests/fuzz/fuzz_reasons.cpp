@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "pgm/pgm_python/bridge_call.h"
+#include "pgm/pgm_python/call_completion.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

@@ -49,12 +49,15 @@ enum MSG_TYPE : int {
 // NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): nothing to copy or to move
 class ZEL_MSG_API MSG_RECEIVER {
 public:
-    // One internal error. `text` is the failed condition or the explanation; `line` is the number
-    // of the check inside `source`, fixed for the life of the product.
+    // One internal error.
     struct INTERNAL_ERROR {
+        // The failed condition, or the explanation.
         std::string text;
+        // Who reports, such as "PGM_PYTHON".
         std::string module;
+        // The source file, without extension, as the product numbers its checks.
         std::string source;
+        // The number of the check inside `source`, fixed for the life of the product.
         int line = 0;
     };
 
@@ -107,8 +110,10 @@ public:
     // as it stands.
     void fill_args(const std::string& literal, const std::vector<std::string>& arguments);
 
-    // Sets and gives the message's number; 0 until it is set.
+    // Sets the message's number.
     void set_id(unsigned long id) { m_id = id; }
+
+    // The message's number; 0 until it is set.
     unsigned long id() const { return m_id; }
 
     // The format with its arguments filled in.
@@ -134,7 +139,7 @@ public:
 // An error.
 class ZEL_MSG_API MSG_E : public MSG_POST {
 public:
-    // `report` must be null (see MSG_REPORT).
+    // `report` must be null (see MSG_REPORT); the suite's messages have it.
     explicit MSG_E(MSG_REPORT* report);
 };
 

@@ -6,11 +6,15 @@
 
 namespace py_platform {
 
-// Makes writes to closed connections fail instead of ending the process.
-void ignore_broken_pipes();
+// Notes how the process handles each signal.
+void note_signal_handlers();
 
-// Puts back what ignore_broken_pipes replaced.
-void restore_broken_pipes();
+// Puts back what is handled otherwise than it was when it was noted.
+void restore_signal_handlers();
+
+// Makes writes to closed connections fail instead of ending the process, unless the host handles
+// them itself.
+void ignore_broken_pipes();
 
 // Whether Python can find a standard library of its version with the PYTHONHOME that is set, if one
 // is. Only a certain "no" gives false.

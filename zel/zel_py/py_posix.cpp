@@ -2,6 +2,8 @@
 #include <Python.h>
 #include <signal.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -14,7 +16,21 @@ namespace py_platform {
 
 namespace {
 
-bool replaced = false;
+// The signals whose handling a program may change are numbered from 1.
+constexpr int signal_numbers = NSIG;
+struct NOTED {
+    bool known = false;
+    struct sigaction action = {};
+};
+std::array<NOTED, signal_numbers> noted;
+
+bool same(const struct sigaction& one, const struct sigaction& other) {
+    // Handlers of both kinds lie in the same place.
+    return one.sa_flags == other.sa_flags &&
+           std::memcmp(&one.sa_mask, &other.sa_mask, sizeof(one.sa_mask)) == 0 &&
+           ((one.sa_flags & SA_SIGINFO) != 0 ? one.sa_sigaction == other.sa_sigaction
+                                             : one.sa_handler == other.sa_handler);
+}
 
 bool is_set(const char* value) {
     return value != nullptr && *value != '\0';
@@ -35,18 +51,29 @@ bool holds_library(const std::filesystem::path& folder) {
 
 }  // namespace
 
+void note_signal_handlers() {
+    for (int number = 1; number < signal_numbers; ++number) {
+        NOTED& one = noted[static_cast<std::size_t>(number)];
+        one.known = ::sigaction(number, nullptr, &one.action) == 0;
+    }
+}
+
+void restore_signal_handlers() {
+    for (int number = 1; number < signal_numbers; ++number) {
+        const NOTED& one = noted[static_cast<std::size_t>(number)];
+        struct sigaction current = {};
+        if (one.known && ::sigaction(number, nullptr, &current) == 0 &&
+            !same(one.action, current)) {
+            ::sigaction(number, &one.action, nullptr);
+        }
+    }
+}
+
 void ignore_broken_pipes() {
     struct sigaction current = {};
     if (::sigaction(SIGPIPE, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
         current.sa_handler == SIG_DFL) {
-        replaced = ::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
-    }
-}
-
-void restore_broken_pipes() {
-    if (replaced) {
-        ::signal(SIGPIPE, SIG_DFL);
-        replaced = false;
+        ::signal(SIGPIPE, SIG_IGN);
     }
 }
 

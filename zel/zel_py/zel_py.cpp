@@ -15,10 +15,23 @@ namespace {
 // The session in force. The library never runs two at once.
 struct SESSION {
     bool owns_interpreter = false;
+    // Whether the lock was taken by PyGILState_Ensure; else the start of the interpreter took it.
+    bool locked = false;
     PyGILState_STATE lock = PyGILState_UNLOCKED;
-    std::string character_locale;
+    std::string locale;  // the process's, with all its categories
 };
 SESSION session;
+
+// The interpreter that py_initialize has started. It is kept without a session while `suspended`.
+struct INTERPRETER {
+    bool suspended = false;
+    std::string character_locale;  // as its start has set it
+};
+INTERPRETER& interpreter() {
+    // Never destroyed: sessions may run while the process ends.
+    static INTERPRETER& the_interpreter = *new INTERPRETER;
+    return the_interpreter;
+}
 
 // The number of the check in reports.
 constexpr int start_check_line = 61;
@@ -85,9 +98,21 @@ void start_interpreter() {
 
 #endif
 
-void restore_character_locale() {
-    if (!session.character_locale.empty()) {
-        std::setlocale(LC_CTYPE, session.character_locale.c_str());
+std::string locale_of(int category) {
+    const char* const locale = std::setlocale(category, nullptr);
+    return locale == nullptr ? std::string() : std::string(locale);
+}
+
+// What a session may change in the process beside the interpreter.
+void note_process_state() {
+    session.locale = locale_of(LC_ALL);
+    py_platform::note_signal_handlers();
+}
+
+void restore_process_state() {
+    py_platform::restore_signal_handlers();
+    if (!session.locale.empty()) {
+        std::setlocale(LC_ALL, session.locale.c_str());
     }
 }
 
@@ -157,7 +182,82 @@ struct PENDING_ERROR {
     }
 
     void display() const { PyErr_Display(type.get(), value.get(), traceback.get()); }
+
+    // Lets a debugger find the exception afterwards.
+    void set_last() const {
+        const auto set = [](const char* name, const PY_REFERENCE& part) {
+            if (PySys_SetObject(name, part ? part.get() : Py_None) != 0) {
+                PyErr_Clear();
+            }
+        };
+#if PY_VERSION_HEX >= 0x030C0000
+        set("last_exc", value);
+#endif
+        set("last_type", type);
+        set("last_value", value);
+        set("last_traceback", traceback);
+    }
+
+    // What PyErr_Print does with sys.excepthook, but for one that exits: it has failed like any
+    // other.
+    void show_by_hook() const {
+        PyObject* const trace = traceback ? traceback.get() : Py_None;
+        PyObject* const exception = value ? value.get() : Py_None;
+        const PY_REFERENCE hook = PY_REFERENCE::borrowed(PySys_GetObject("excepthook"));
+#if PY_VERSION_HEX >= 0x03080000
+        if (PySys_Audit("sys.excepthook", "OOOO", hook ? hook.get() : Py_None, type.get(),
+                        exception, trace) < 0) {
+            if (PyErr_ExceptionMatches(PyExc_RuntimeError) != 0) {
+                PyErr_Clear();
+                return;
+            }
+            PyErr_WriteUnraisable(nullptr);
+        }
+#endif
+        if (!hook) {
+            PySys_WriteStderr("sys.excepthook is missing\n");
+            display();
+            return;
+        }
+        const PY_REFERENCE shown = PY_REFERENCE::owned(
+            PyObject_CallFunctionObjArgs(hook.get(), type.get(), exception, trace, nullptr));
+        if (!shown) {
+            const PENDING_ERROR of_hook;
+            PySys_WriteStderr("Error in sys.excepthook:\n");
+            of_hook.display();
+            PySys_WriteStderr("\nOriginal exception was:\n");
+            display();
+        }
+    }
 };
+
+#if PY_VERSION_HEX >= 0x03080000
+
+// Python waits at its end for its main thread unless that is the calling one: tells it not to. What
+// the session made has been waited for when it was suspended.
+void release_main_thread() {
+    static constexpr char code[] =
+        "import sys\n"
+        "threading = sys.modules.get('threading')\n"
+        "main = getattr(threading, '_main_thread', None)\n"
+        "lock = getattr(main, '_tstate_lock', None)\n"
+        "if lock is not None and main.ident != threading.get_ident():\n"
+        "    if lock.locked():\n"
+        "        lock.release()\n"
+        "    main._stop()\n";
+    const PY_REFERENCE names = PY_REFERENCE::owned(PyDict_New());
+    if (names && PyDict_SetItemString(names.get(), "__builtins__", PyEval_GetBuiltins()) == 0) {
+        const PY_REFERENCE done =
+            PY_REFERENCE::owned(PyRun_String(code, Py_file_input, names.get(), names.get()));
+    }
+    PyErr_Clear();
+}
+
+#else
+
+void release_main_thread() {}
+
+#endif
 
 // A stream of the sys module, null when there is none. Scripts may replace a stream while it is in
 // use, so the reference is held for as long as that lasts.
@@ -286,36 +386,72 @@ void py_initialize() {
     session = SESSION();
     if (Py_IsInitialized() != 0) {
         session.lock = PyGILState_Ensure();
+        session.locked = true;
+        note_process_state();
         return;
     }
-    const char* const locale = std::setlocale(LC_CTYPE, nullptr);
-    session.character_locale = locale == nullptr ? "" : locale;
+    interpreter().suspended = false;  // one that somebody else has ended
     // Python gets over a start that fails half-way in no later one.
     if (!py_platform::home_may_hold_library()) {
         cannot_start("PYTHONHOME leads to no standard library of this version");
     }
+    note_process_state();
     try {
         start_interpreter();
     } catch (...) {
-        restore_character_locale();
+        restore_process_state();
         throw;
     }
     session.owns_interpreter = true;
+    interpreter().character_locale = locale_of(LC_CTYPE);
     py_platform::ignore_broken_pipes();
 }
 
 void py_finalize() {
     PyErr_Clear();
-    if (!session.owns_interpreter) {
+    if (session.owns_interpreter) {
+        if (session.locked) {
+            release_main_thread();
+        }
+        const LEFT_OVER_OBJECTS left_over;
+        Py_FinalizeEx();
+        left_over.freeze();
+        session.owns_interpreter = false;
+    } else {
         PyGILState_Release(session.lock);
-        return;
     }
-    const LEFT_OVER_OBJECTS left_over;
-    Py_FinalizeEx();
-    left_over.freeze();
+    restore_process_state();
+}
+
+bool py_owns_interpreter() {
+    return session.owns_interpreter;
+}
+
+void py_suspend() {
+    PyErr_Clear();
+    interpreter().suspended = true;
     session.owns_interpreter = false;
-    py_platform::restore_broken_pipes();
-    restore_character_locale();
+    if (session.locked) {
+        PyGILState_Release(session.lock);
+    } else {
+        PyEval_SaveThread();
+    }
+    restore_process_state();
+}
+
+bool py_resume() {
+    if (!interpreter().suspended || Py_IsInitialized() == 0) {
+        return false;
+    }
+    session = SESSION();
+    session.lock = PyGILState_Ensure();
+    session.locked = true;
+    session.owns_interpreter = true;
+    interpreter().suspended = false;
+    note_process_state();
+    std::setlocale(LC_CTYPE, interpreter().character_locale.c_str());
+    py_platform::ignore_broken_pipes();
+    return true;
 }
 
 bool py_eval(const char* statement) {
@@ -324,8 +460,14 @@ bool py_eval(const char* statement) {
         return end_main_program();
     }
     PyObject* const names = PyModule_GetDict(main_module);
+    // The text is UTF-8, whatever a coding cookie in it says.
+    PyCompilerFlags flags = {};
+    flags.cf_flags = PyCF_SOURCE_IS_UTF8 | PyCF_IGNORE_COOKIE;
+#if PY_VERSION_HEX >= 0x03080000
+    flags.cf_feature_version = PY_MINOR_VERSION;
+#endif
     const PY_REFERENCE result =
-        PY_REFERENCE::owned(PyRun_String(statement, Py_file_input, names, names));
+        PY_REFERENCE::owned(PyRun_StringFlags(statement, Py_file_input, names, names, &flags));
     return result || end_main_program();
 }
 
@@ -345,17 +487,11 @@ void py_print_error() {
     flush_python_stream("stdout");
     // Python writes a traceback in pieces.
     const PY_REFERENCE stream = python_stream("stderr");
-    PyObject* const hook = PySys_GetObject("excepthook");
-    PY_REFERENCE shown;
-    if (hook != nullptr && PyErr_GivenExceptionMatches(error.type.get(), PyExc_SystemExit) == 0) {
-        const PY_REFERENCE own_hook = PY_REFERENCE::borrowed(hook);
-        shown = PY_REFERENCE::owned(PyObject_CallFunctionObjArgs(
-            own_hook.get(), error.type.get(), error.value ? error.value.get() : Py_None,
-            error.traceback ? error.traceback.get() : Py_None, nullptr));
-    }
-    if (!shown) {
-        PyErr_Clear();  // what a broken hook raised
+    if (PyErr_GivenExceptionMatches(error.type.get(), PyExc_SystemExit) != 0) {
         error.display();
+    } else {
+        error.set_last();
+        error.show_by_hook();
     }
     flush_python_stream("stderr");
 }

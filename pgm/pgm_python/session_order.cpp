@@ -1,0 +1,133 @@
+#include "pgm/pgm_python/session_order.h"
+
+#include "pgm/pgm_common/environment.h"
+#include "pgm/pgm_python/messages.h"
+#include "pgm/pgm_python/pgm_python_mgr.h"
+#include "pgm/pgm_python/session_order_source.h"
+#include "zel/zel_py/zel_py.h"
+
+namespace {
+
+// The checks of the order's own steps.
+constexpr CHECK order_made = {"order != nullptr", 2012};
+constexpr CHECK order_begun = {"order.begin()", 2013};
+
+void require_or_print(bool condition, const CHECK& check) {
+    if (!condition) {
+        if (PyErr_Occurred() != nullptr) {
+            py_print_error();
+        }
+        fail(check);
+    }
+}
+
+// A new object of the class ORDER, in names of its own; null with an exception pending when that
+// fails.
+PY_REFERENCE make_order(bool kept) {
+    const PY_REFERENCE code = PY_REFERENCE::owned(
+        Py_CompileString(session_order_source, "session_order.py", Py_file_input));
+    const PY_REFERENCE names = PY_REFERENCE::owned(code ? PyDict_New() : nullptr);
+    const PY_REFERENCE builtins =
+        PY_REFERENCE::owned(names ? PyDict_Copy(PyEval_GetBuiltins()) : nullptr);
+    if (!builtins || PyDict_SetItemString(names.get(), "__builtins__", builtins.get()) != 0) {
+        return PY_REFERENCE();
+    }
+    const PY_REFERENCE name = PY_REFERENCE::owned(PyUnicode_FromString("pgm_python.session_order"));
+    if (!name || PyDict_SetItemString(names.get(), "__name__", name.get()) != 0) {
+        return PY_REFERENCE();
+    }
+    const PY_REFERENCE ran =
+        PY_REFERENCE::owned(PyEval_EvalCode(code.get(), names.get(), names.get()));
+    PyObject* const order = ran ? PyDict_GetItemString(names.get(), "ORDER") : nullptr;
+    return PY_REFERENCE::owned(order == nullptr ? nullptr
+                                                : PyObject_CallFunction(order, "i", kept ? 1 : 0));
+}
+
+// The process's environment as a list of bytes; null with an exception pending when that fails.
+PY_REFERENCE environment_list() {
+    PY_REFERENCE list = PY_REFERENCE::owned(PyList_New(0));
+    for (const std::string& entry : environment_entries()) {
+        const PY_REFERENCE bytes = PY_REFERENCE::owned(
+            list ? PyBytes_FromStringAndSize(entry.data(), static_cast<Py_ssize_t>(entry.size()))
+                 : nullptr);
+        if (!bytes || PyList_Append(list.get(), bytes.get()) != 0) {
+            return PY_REFERENCE();
+        }
+    }
+    return list;
+}
+
+// The pending exception as text; nothing is pending afterwards.
+std::string taken_error() {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    const PY_REFERENCE own_type = PY_REFERENCE::owned(type);
+    const PY_REFERENCE own_value = PY_REFERENCE::owned(value);
+    const PY_REFERENCE own_traceback = PY_REFERENCE::owned(traceback);
+    const PY_REFERENCE text =
+        PY_REFERENCE::owned(own_value ? PyObject_Repr(own_value.get()) : nullptr);
+    const char* const utf8 = text ? PyUnicode_AsUTF8(text.get()) : nullptr;
+    PyErr_Clear();
+    return utf8 == nullptr ? "an exception without a text" : utf8;
+}
+
+}  // namespace
+
+SESSION_ORDER::SESSION_ORDER(INTERPRETER interpreter)
+    : m_order(make_order(interpreter == INTERPRETER::kept)) {
+    require_or_print(static_cast<bool>(m_order), order_made);
+}
+
+void SESSION_ORDER::begin() {
+    m_context = PY_REFERENCE::owned(PyContext_New());
+    require_or_print(m_context && PyContext_Enter(m_context.get()) == 0, order_begun);
+    const PY_REFERENCE environment = environment_list();
+    const PY_REFERENCE begun = environment ? call("begin", environment.get()) : PY_REFERENCE();
+    if (!begun) {
+        py_print_error();
+        PyContext_Exit(m_context.get());
+        m_context.reset();
+        fail(order_begun);
+    }
+}
+
+void SESSION_ORDER::search_path_is_set() {
+    if (!call("search_path_is_set")) {
+        PyErr_Clear();  // a folder that cannot be looked through hides nothing
+    }
+}
+
+std::vector<std::string> SESSION_ORDER::end() noexcept {
+    std::vector<std::string> failures;
+    PyErr_Clear();
+    const PY_REFERENCE ended = call("end");
+    if (!ended) {
+        failures.push_back(taken_error());
+    }
+    for (Py_ssize_t index = 0; ended && index < PyList_GET_SIZE(ended.get()); ++index) {
+        const char* const text = PyUnicode_AsUTF8(PyList_GET_ITEM(ended.get(), index));
+        PyErr_Clear();
+        failures.emplace_back(text == nullptr ? "a step without a text" : text);
+    }
+    if (m_context) {
+        if (PyContext_Exit(m_context.get()) != 0) {
+            failures.push_back(taken_error());
+        }
+        m_context.reset();
+    }
+    const PY_REFERENCE environment = environment_list();
+    if (!environment || !call("put_back_environment", environment.get())) {
+        failures.push_back(taken_error());
+    }
+    return failures;
+}
+
+PY_REFERENCE SESSION_ORDER::call(const char* method, PyObject* argument) const {
+    const PY_REFERENCE function =
+        PY_REFERENCE::owned(PyObject_GetAttrString(m_order.get(), method));
+    return PY_REFERENCE::owned(
+        function ? PyObject_CallFunctionObjArgs(function.get(), argument, nullptr) : nullptr);
+}

@@ -1,0 +1,754 @@
+"""Order in an interpreter that goes on after a session.
+
+What a session finds is noted, and put back at its end, so that the next one finds it too. The
+library runs this text in names of its own, with builtins of its own, so that scripts do not reach
+it: an ORDER for the whole life of an interpreter that is kept, and one for each session in a
+host's own.
+"""
+
+import sys
+
+NAMES_AT_START = frozenset(sys.modules)
+
+import _thread
+import atexit
+import builtins
+import gc
+import io
+import operator
+import os
+import warnings
+
+MODULES = sys.modules
+MODULE_TYPE = type(sys)
+FUNCTION_TYPE = type(lambda: None)
+STREAMS = (("stdin", 0), ("stdout", 1), ("stderr", 2))
+
+# What an interpreter has loaded before any script, so that no script's folder hides it.
+ALWAYS_LOADED = frozenset(sys.builtin_module_names) | frozenset((
+    "__main__", "_abc", "_collections_abc", "_frozen_importlib", "_frozen_importlib_external",
+    "_sitebuiltins", "abc", "codecs", "encodings", "genericpath", "importlib", "io", "ntpath", "os",
+    "posixpath", "site", "stat", "zipimport"))
+
+# Modules of the standard library that work on after the functions that they register for the end:
+# those run at the end of each session.
+ENDED_EACH_TIME = frozenset((
+    "concurrent.futures.process", "concurrent.futures.thread", "logging", "multiprocessing.util",
+    "weakref"))
+
+
+def is_module(thing):
+    # Some objects only say that they are modules.
+    return issubclass(type(thing), MODULE_TYPE)
+
+
+def names_of(module):
+    """The names of a module, whatever its class makes of looking at them; else none."""
+    if is_module(module):
+        return object.__getattribute__(module, "__dict__")
+    return {}
+
+
+class KEPT_NAMES:
+    """The names of a module as they are, with what its lists and dictionaries hold."""
+
+    def __init__(self, names, without=()):
+        self.names = names
+        self.without = frozenset(without)
+        self.values = dict(names)
+        self.contents = [(value, type(value)(value)) for name, value in names.items()
+                         if type(value) in (list, dict) and name not in self.without]
+
+    def put_back(self):
+        if not same_names(self.names, self.values):
+            self.put_back_names()
+        for value, content in self.contents:
+            if type(value) is list:
+                if len(value) != len(content) or not all(map(operator.is_, value, content)):
+                    value[:] = content
+            elif not same_names(value, content):
+                value.clear()
+                value.update(content)
+
+    def put_back_names(self):
+        for name in [name for name in self.names if name not in self.values]:
+            if name not in self.without:
+                del self.names[name]
+        for name, value in self.values.items():
+            if name not in self.without and (name not in self.names or
+                                             self.names[name] is not value):
+                self.names[name] = value
+
+
+def same_names(names, others):
+    """Whether two dictionaries hold the same objects by the same names, in one order."""
+    return (len(names) == len(others) and all(map(operator.is_, names.values(), others.values()))
+            and list(names) == list(others))
+
+
+class EXITS:
+    """Stands for the functions of atexit: what is registered belongs to a session."""
+
+    def __init__(self):
+        self.entries = []
+        self.own = {name: getattr(atexit, name)
+                    for name in ("register", "unregister", "_clear", "_run_exitfuncs",
+                                 "_ncallbacks")}
+
+        def register(func, *args, **kwargs):
+            """Registers a function that is called when the session ends."""
+            if not callable(func):
+                raise TypeError("the first argument must be callable")
+            owner = sys_getframe(1).f_globals
+            while_imported = getattr(owner.get("__spec__"), "_initializing", False)
+            self.entries.append((func, args, kwargs, owner, while_imported))
+            return func
+
+        def unregister(func):
+            """Takes back every registration of a function."""
+            self.entries[:] = [entry for entry in self.entries if not entry[0] == func]
+            self.own["unregister"](func)
+
+        def _clear():
+            """Takes back every registration."""
+            self.entries.clear()
+
+        def _run_exitfuncs():
+            """Runs what is registered."""
+            self.run()
+
+        def _ncallbacks():
+            """The number of registrations."""
+            return len(self.entries)
+
+        self.session = {"register": register, "unregister": unregister, "_clear": _clear,
+                        "_run_exitfuncs": _run_exitfuncs, "_ncallbacks": _ncallbacks}
+
+    def begin(self):
+        names_of(atexit).update(self.session)
+
+    def end(self):
+        names_of(atexit).update(self.own)
+
+    def run(self):
+        while self.entries:
+            func, args, kwargs = self.entries.pop()[:3]
+            run_exit_function(func, args, kwargs)
+
+
+sys_getframe = sys._getframe
+
+
+def run_exit_function(func, args=(), kwargs={}):
+    try:
+        func(*args, **kwargs)
+    except SystemExit:
+        # The end of Python is the end of the session already.
+        if sys.version_info >= (3, 10):
+            print_failure("Exception ignored in atexit callback: %r" % (func,))
+    except BaseException:
+        if sys.version_info >= (3, 10):
+            print_failure("Exception ignored in atexit callback: %r" % (func,))
+        else:
+            print_failure("Error in atexit._run_exitfuncs:")
+
+
+def print_failure(title):
+    """Prints the exception that is being handled, without the frame of this file."""
+    kind, value, trace = sys.exc_info()
+    try:
+        stream = sys.stderr
+        if stream is not None:
+            stream.write(title + "\n")
+            if trace is not None:
+                value.__traceback__ = trace.tb_next
+            sys.__excepthook__(kind, value, trace.tb_next if trace is not None else None)
+    except BaseException:
+        pass
+
+
+def flush(name):
+    try:
+        stream = getattr(sys, name, None)
+        if stream is not None:
+            stream.flush()
+    except BaseException:
+        pass
+
+
+def new_stream(name, number, like):
+    """A standard stream as Python makes it at its start."""
+    writes = number > 0
+    try:
+        os.fstat(number)
+    except OSError:
+        return None
+    unbuffered = writes and isinstance(getattr(like, "buffer", None), io.RawIOBase)
+    try:
+        raw = binary = io.open(number, "wb" if writes else "rb", 0 if unbuffered else -1,
+                               closefd=False)
+    except OSError:
+        return None
+    if not unbuffered:
+        raw = binary.raw
+    raw.name = "<%s>" % name
+    at_terminal = raw.isatty()
+    encoding = getattr(like, "encoding", None) or "utf-8"
+    if type(raw).__name__ == "_WindowsConsoleIO":
+        encoding = "utf-8"
+    stream = io.TextIOWrapper(
+        binary, encoding, getattr(like, "errors", None) or "strict",
+        None if sys.platform == "win32" else "\n",
+        at_terminal or unbuffered or (number == 2 and sys.version_info >= (3, 9)), unbuffered)
+    stream.mode = "w" if writes else "r"
+    return stream
+
+
+FOLDERS = {}
+
+
+def folder_of(path):
+    """A path in the form in which folders are compared; none where it is no path."""
+    if not isinstance(path, str):
+        return None
+    folder = FOLDERS.get(path)
+    if folder is None:
+        try:
+            folder = os.path.normcase(os.path.abspath(path)).rstrip(os.sep) + os.sep
+        except (OSError, ValueError):
+            return None
+        if os.path.isabs(path):
+            if len(FOLDERS) > 500:
+                FOLDERS.clear()
+            FOLDERS[path] = folder
+    return folder
+
+
+def new_main_module(names):
+    main = MODULE_TYPE("__main__")
+    main_names = main.__dict__
+    main_names.clear()
+    main_names.update(names)
+    return main
+
+
+def environment_from(entries):
+    """What os.environ holds for entries of the process, bytes "NAME=VALUE"."""
+    names = {}
+    for entry in entries:
+        name, found, value = entry.partition(b"=")
+        if not found:
+            continue
+        if sys.platform == "win32":
+            name = name.decode("utf-8", "replace").upper()
+            value = value.decode("utf-8", "replace")
+        names.setdefault(name, value)
+    return names
+
+
+class ORDER:
+    """What an interpreter is to be like between sessions.
+
+    `kept` tells an interpreter of the library's own from a host's.
+    """
+
+    def __init__(self, kept):
+        self.kept = kept
+        self.exits = EXITS()
+        self.failures = []
+        self.environment_object = os.environ
+        self.environment_bytes = getattr(os, "environb", None)
+        self.first = True
+        self.hidden = {}
+        self.entries = ()
+        self.threads = ()
+        self.main_module = None
+        if kept:
+            # The calling thread becomes the main one for both.
+            import signal
+            import threading
+            self.main_names = dict(names_of(MODULES["__main__"]))
+            self.always_loaded = NAMES_AT_START | ALWAYS_LOADED
+        else:
+            self.main_names = {
+                "__name__": "__main__", "__doc__": None, "__package__": None, "__spec__": None,
+                "__loader__": None, "__builtins__": builtins, "__annotations__": {}}
+            loader = names_of(MODULES.get("_frozen_importlib")).get("BuiltinImporter")
+            self.main_names["__loader__"] = loader
+            self.always_loaded = ALWAYS_LOADED
+        self.note()
+        if kept:
+            gc.collect()
+            gc.freeze()
+
+    def note(self):
+        """Notes what later sessions are to find."""
+        self.modules = dict(MODULES)
+        self.folders = tuple(filter(None, map(folder_of, sys.path)))
+        self.sys_names = KEPT_NAMES(
+            names_of(sys), ("modules", "path_importer_cache") +
+            (("stdin", "stdout", "stderr", "__stdin__", "__stdout__", "__stderr__")
+             if self.kept else ()))
+        self.streams = {name: getattr(sys, "__%s__" % name, None) for name, _ in STREAMS}
+        self.current = self.streams
+        self.path_importer_cache = sys.path_importer_cache
+        self.cached_paths = dict(sys.path_importer_cache)
+        self.builtins_names = KEPT_NAMES(names_of(builtins))
+        self.os_names = KEPT_NAMES(names_of(os))
+        self.warnings_names = KEPT_NAMES(names_of(warnings),
+                                         ("_filters_version", "onceregistry"))
+        self.recursion_limit = sys.getrecursionlimit()
+        self.switch_interval = sys.getswitchinterval()
+        self.trace = sys.gettrace()
+        self.profile = sys.getprofile()
+        self.async_generator_hooks = tuple(sys.get_asyncgen_hooks())
+        self.coroutine_depth = sys.get_coroutine_origin_tracking_depth()
+        self.library_flags = sys.getdlopenflags() if hasattr(sys, "getdlopenflags") else None
+        self.digits = (sys.get_int_max_str_digits() if hasattr(sys, "get_int_max_str_digits")
+                       else None)
+        self.collector = (gc.isenabled(), gc.get_threshold(), gc.get_debug(), list(gc.callbacks))
+        threading = MODULES.get("threading")
+        self.thread_names = ({name: names_of(threading)[name]
+                              for name in ("_trace_hook", "_profile_hook", "excepthook")
+                              if name in names_of(threading)} if threading else {})
+        self.signals = self.signal_handlers()
+        self.logging = self.logging_state()
+        self.decimal = self.decimal_state()
+        self.zip_folders = frozenset(self.zip_cache())
+
+    # ---- the beginning of a session
+
+    def begin(self, entries):
+        """`entries` is the process's environment."""
+        self.entries = entries
+        self.failures = []
+        self.added_at_start = frozenset()
+        if self.kept:
+            self.refresh_environment(entries)
+            if not self.first:
+                self.renew_streams()
+                self.forget_listings()
+        else:
+            self.main_module = MODULES.get("__main__")
+            self.environment = dict(self.environment_object._data)
+            self.freezes = gc.get_freeze_count() == 0
+            if self.freezes:
+                gc.freeze()
+        MODULES["__main__"] = new_main_module(self.main_names)
+        threading = MODULES.get("threading")
+        self.threads = tuple(threading._active.values()) if threading else ()
+        self.exits.begin()
+        self.first = False
+
+    def refresh_environment(self, entries):
+        names = environment_from(entries)
+        data = self.environment_object._data
+        if data != names:
+            data.clear()
+            data.update(names)
+
+    def renew_streams(self):
+        self.current = {name: new_stream(name, number, self.streams[name])
+                        for name, number in STREAMS}
+        for name, stream in self.current.items():
+            for own_name in (name, "__%s__" % name):
+                setattr(sys, own_name, stream)
+                # Else the look at the names would always find a change.
+                self.sys_names.values[own_name] = stream
+
+    def forget_listings(self):
+        for finder in list(self.path_importer_cache.values()):
+            forget = getattr(finder, "invalidate_caches", None)
+            if forget is not None:
+                forget()
+
+    def search_path_is_set(self):
+        """Sets aside modules that the folders first on the path hold, too.
+
+        A script would find its own in an interpreter that has not loaded the others.
+        """
+        self.note_added_folders()
+        self.added_at_start = frozenset(self.added)
+        for folder in self.added:
+            try:
+                found = os.listdir(folder)
+            except (OSError, TypeError, ValueError):
+                continue
+            for entry in found:
+                name, point, rest = entry.partition(".")
+                if name in MODULES and name not in self.always_loaded and (
+                        rest.endswith(("py", "pyc", "pyd", "so")) or not point and
+                        any(os.path.exists(os.path.join(folder, entry, "__init__" + ending))
+                            for ending in (".py", ".pyc"))):
+                    self.set_aside(name)
+
+    def set_aside(self, name):
+        for other in list(MODULES):
+            if other == name or other.startswith(name + "."):
+                self.hidden[other] = MODULES.pop(other)
+
+    # ---- its end
+
+    def end(self):
+        """Puts everything in order but the environment; texts of what failed."""
+        for step in (self.stop_looking, self.note_added_folders, self.end_threads, self.run_exit_functions,
+                     self.flush_streams, self.put_back_sys, self.put_back_modules,
+                     self.put_back_library, self.put_back_signals, self.collect,
+                     self.flush_streams):
+            try:
+                step()
+            except BaseException as failure:
+                self.failures.append("%s: %s: %s" % (step.__name__, type(failure).__name__,
+                                                     failure))
+        return self.failures
+
+    def stop_looking(self):
+        sys.settrace(self.trace)
+        sys.setprofile(self.profile)
+        sys.setrecursionlimit(self.recursion_limit)
+        sys.setswitchinterval(self.switch_interval)
+
+    def end_threads(self):
+        threading = MODULES.get("threading") if not self.kept else self.modules["threading"]
+        if threading is None:
+            return
+        executors = MODULES.get("concurrent.futures.thread")
+        queues = names_of(executors).get("_threads_queues", ())
+        if self.kept:
+            for func in reversed(list(names_of(threading).get("_threading_atexits", ()))):
+                run_exit_function(func)
+        me = _thread.get_ident()
+        while True:
+            left = [thread for thread in list(threading._active.values())
+                    if not thread.daemon and thread.ident != me and
+                    not any(thread is found for found in self.threads) and
+                    thread is not threading._main_thread and
+                    (self.kept or thread not in queues)]
+            if not left:
+                break
+            for thread in left:
+                thread.join()
+        current = threading._active.get(me)
+        if type(current) is threading._DummyThread and current not in self.threads:
+            del threading._active[me]
+        names_of(threading).update(self.thread_names)
+        if self.kept and "excepthook" not in self.thread_names:
+            names_of(threading).pop("excepthook", None)  # Python 3.7 has none
+        if not self.thread_names:
+            threading.settrace(None)
+            threading.setprofile(None)
+
+    def run_exit_functions(self):
+        atexit_entries = self.exits.entries
+        later = []
+        again = []
+        for entry in list(atexit_entries):
+            owner = entry[3]
+            module = MODULES.get(owner.get("__name__"))
+            if module is None or names_of(module) is not owner or not self.stays(
+                    owner["__name__"], module):
+                continue
+            if owner["__name__"] in ENDED_EACH_TIME:
+                (again if self.kept else later).append(entry)
+            elif entry[4]:
+                later.append(entry)
+        for entry in later:
+            atexit_entries.remove(entry)
+            self.exits.own["register"](entry[0], *entry[1], **entry[2])
+        self.exits.run()
+        self.exits.entries.extend(again)
+        if not self.kept:
+            self.exits.end()
+            return
+        for name, attribute in (("multiprocessing.util", "_exiting"),
+                                ("concurrent.futures.thread", "_shutdown"),
+                                ("concurrent.futures.process", "_global_shutdown")):
+            if name in MODULES and attribute in names_of(MODULES[name]):
+                names_of(MODULES[name])[attribute] = False
+        finalize = names_of(MODULES.get("weakref")).get("finalize")
+        if finalize is not None:
+            finalize._shutdown = False
+
+    def flush_streams(self):
+        flush("stdout")
+        flush("stderr")
+
+    def put_back_sys(self):
+        self.sys_names.put_back()
+        sys.modules = MODULES
+        sys.path_importer_cache = self.path_importer_cache
+        if self.kept:
+            for name, stream in self.current.items():
+                setattr(sys, name, stream)
+                setattr(sys, "__%s__" % name, stream)
+        for path in list(self.path_importer_cache):
+            if path not in self.cached_paths and not self.is_base(path):
+                del self.path_importer_cache[path]
+        for path, finder in self.cached_paths.items():
+            self.path_importer_cache.setdefault(path, finder)
+        sys.set_asyncgen_hooks(*self.async_generator_hooks)
+        sys.set_coroutine_origin_tracking_depth(self.coroutine_depth)
+        if self.library_flags is not None:
+            sys.setdlopenflags(self.library_flags)
+        if self.digits is not None:
+            sys.set_int_max_str_digits(self.digits)
+        self.builtins_names.put_back()
+        self.os_names.put_back()
+
+    def is_base(self, path):
+        folder = folder_of(path)
+        return folder is not None and folder.startswith(self.folders)
+
+    # ---- modules
+
+    def stays(self, name, module):
+        """Whether a module outlives the session that has loaded it."""
+        known = self.modules.get(name)
+        if known is not None and known is module:
+            return True
+        if not is_module(module):
+            if module is None:
+                return False
+            home = getattr(type(module), "__module__", None)
+            return (home != "builtins" and is_module(MODULES.get(home)) and
+                    self.stays(home, MODULES[home]))
+        names = names_of(module)
+        spec = names.get("__spec__")
+        origin = names.get("__file__") or getattr(spec, "origin", None)
+        if isinstance(origin, str):
+            return origin in ("built-in", "frozen") or self.is_of_base(origin)
+        places = names.get("__path__")
+        if places is not None:
+            return all(map(self.is_of_base, list(places)))
+        parent = name.rpartition(".")[0]
+        return bool(parent) and parent in MODULES and self.stays(parent, MODULES[parent])
+
+    def is_of_base(self, path):
+        """Whether a file came by a folder of the path as it was noted.
+
+        A folder of a script may lie below one of those, or the other way round: the longer one
+        counts, and a script's where they are the same.
+        """
+        place = folder_of(path)
+        if place is None:
+            return False
+        base = max((len(folder) for folder in self.folders if place.startswith(folder)),
+                   default=-1)
+        added = max((len(folder) for folder in self.added if place.startswith(folder)),
+                    default=-1)
+        return base > added
+
+    def note_added_folders(self):
+        """Notes the folders that stand on the path beside those that were there."""
+        before = list(self.sys_names.values.get("path", ()))
+        for value, content in self.sys_names.contents:
+            if value is self.sys_names.values.get("path"):
+                before = list(content)
+        left = list(before)
+        added = set()
+        for path in list(sys.path) if isinstance(sys.path, (list, tuple)) else ():
+            if path in left:
+                left.remove(path)
+            else:
+                added.add(folder_of(path))
+        added.discard(None)
+        self.added = tuple(self.added_at_start | added)
+
+    added = ()
+    added_at_start = frozenset()
+
+    def put_back_modules(self):
+        stay = dict(self.modules)
+        came = False
+        for name, module in list(MODULES.items()):
+            if name == "__main__" or self.modules.get(name, self) is module:
+                continue
+            if name not in self.modules and name not in self.hidden and self.stays(name, module):
+                stay[name] = module
+                came = True
+            else:
+                del MODULES[name]
+        for name, module in stay.items():
+            if name not in MODULES:
+                MODULES[name] = module
+        if self.main_module is not None:
+            MODULES["__main__"] = self.main_module
+        else:
+            MODULES["__main__"] = new_main_module(self.main_names)
+        self.hidden.clear()
+        stay.pop("__main__", None)
+        self.modules = stay
+        self.came = came
+
+    came = False
+
+    def zip_cache(self):
+        return names_of(MODULES.get("zipimport")).get("_zip_directory_cache", {})
+
+    # ---- modules of the standard library
+
+    def put_back_library(self):
+        self.warnings_names.put_back()
+        warnings.onceregistry.clear()
+        mutated = getattr(warnings, "_filters_mutated", None)
+        if mutated is not None:
+            mutated()
+        cache = self.zip_cache()
+        for path in list(cache):
+            if path not in self.zip_folders:
+                del cache[path]
+        linecache = names_of(MODULES.get("linecache")).get("cache")
+        if linecache:
+            linecache.clear()
+        for forget in names_of(MODULES.get("typing")).get("_cleanups", ()):
+            forget()
+        self.put_back_logging()
+        self.put_back_decimal()
+        if self.kept:
+            sockets = MODULES.get("_socket")
+            if sockets is not None:
+                sockets.setdefaulttimeout(None)
+            events = names_of(MODULES.get("asyncio.events"))
+            if events.get("_event_loop_policy") is not None:
+                events["_event_loop_policy"] = None
+
+    def decimal_state(self):
+        decimal = MODULES.get("decimal")
+        if decimal is None:
+            return None
+        return [(context, context.copy()) for context in
+                (decimal.DefaultContext, decimal.BasicContext, decimal.ExtendedContext)]
+
+    def put_back_decimal(self):
+        decimal = MODULES.get("decimal")
+        if decimal is None:
+            return
+        if self.decimal is None:
+            self.decimal = [
+                (decimal.DefaultContext, decimal.Context(
+                    28, decimal.ROUND_HALF_EVEN, -999999, 999999, 1, 0, [],
+                    [decimal.DivisionByZero, decimal.Overflow, decimal.InvalidOperation])),
+                (decimal.BasicContext, decimal.Context(
+                    9, decimal.ROUND_HALF_UP, -999999, 999999, 1, 0, [],
+                    [decimal.DivisionByZero, decimal.Overflow, decimal.InvalidOperation,
+                     decimal.Clamped, decimal.Underflow])),
+                (decimal.ExtendedContext, decimal.Context(
+                    9, decimal.ROUND_HALF_EVEN, -999999, 999999, 1, 0, [], []))]
+        for context, before in self.decimal:
+            for name in ("prec", "rounding", "Emin", "Emax", "capitals", "clamp"):
+                setattr(context, name, getattr(before, name))
+            context.flags = before.flags
+            context.traps = before.traps
+
+    def logging_state(self):
+        logging = MODULES.get("logging")
+        if logging is None:
+            return None
+        root = logging.root
+        return (list(root.handlers), list(root.filters), root.level, root.manager.disable,
+                logging.getLoggerClass(), logging.raiseExceptions)
+
+    def put_back_logging(self):
+        logging = MODULES.get("logging")
+        if logging is None:
+            return
+        root = logging.root
+        state = self.logging or ([], [], logging.WARNING, 0, logging.Logger, True)
+        if self.kept:
+            for handler in list(root.handlers):
+                handler.close()
+            for logger in list(root.manager.loggerDict.values()):
+                if isinstance(logger, logging.Logger):
+                    logger.handlers[:] = [handler for handler in logger.handlers
+                                          if type(handler) is logging.NullHandler]
+                    logger.filters[:] = []
+                    logger.setLevel(logging.NOTSET)
+                    logger.propagate = True
+                    logger.disabled = False
+        root.handlers[:], root.filters[:] = state[0], state[1]
+        root.setLevel(state[2])
+        logging.disable(state[3])
+        logging.setLoggerClass(state[4])
+        logging.raiseExceptions = state[5]
+
+    # ---- signals
+
+    def signal_handlers(self):
+        signals = MODULES.get("_signal")
+        if signals is None or "signal" not in MODULES:
+            return None
+        handlers = {}
+        for number in range(1, signals.NSIG):
+            try:
+                handlers[number] = signals.getsignal(number)
+            except ValueError:
+                pass
+        return handlers
+
+    def put_back_signals(self):
+        """What Python believes; how the process handles signals is put back by the library."""
+        now = self.signal_handlers()
+        if now is None:
+            return
+        signals = MODULES["_signal"]
+        try:
+            signals.set_wakeup_fd(-1)
+        except ValueError:
+            return  # not the main thread, where nothing can have been set
+        for number, handler in now.items():
+            if self.signals is not None:
+                before = self.signals.get(number)
+            elif callable(handler) and handler is not signals.default_int_handler:
+                before = signals.SIG_DFL
+            else:
+                continue
+            if handler is not before and handler != before:
+                try:
+                    signals.signal(number, signals.SIG_DFL if before is None else before)
+                except (OSError, ValueError):
+                    pass
+
+    # ---- the collector
+
+    def collect(self):
+        enabled, thresholds, debug, callbacks = self.collector
+        gc.callbacks[:] = callbacks
+        gc.set_debug(debug)
+        gc.set_threshold(*thresholds)
+        if gc.collect():
+            gc.collect()
+        (gc.enable if enabled else gc.disable)()
+        if not self.kept:
+            if self.freezes:
+                gc.unfreeze()
+        elif self.came:
+            gc.freeze()
+
+    # ---- the environment, when nothing of the session runs any more
+
+    def put_back_environment(self, entries):
+        """`entries` is the process's environment at the end."""
+        before = environment_from(self.entries)
+        now = environment_from(entries)
+        if before != now:
+            for name in now:
+                if name not in before:
+                    unset_in_process(name)
+            for name, value in before.items():
+                if now.get(name) != value:
+                    put_in_process(name, value)
+        data = self.environment_object._data
+        wanted = before if self.kept else self.environment
+        if data != wanted:
+            data.clear()
+            data.update(wanted)
+
+
+put_in_process = os.putenv
+
+
+def unset_in_process(name, unset=getattr(os, "unsetenv", None)):
+    if unset is not None:
+        unset(name)
+    else:
+        put_in_process(name, "")

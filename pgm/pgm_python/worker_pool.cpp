@@ -1,0 +1,87 @@
+#include "pgm/pgm_python/worker_pool.h"
+
+#include <mutex>
+#include <utility>
+
+namespace {
+
+struct WAITING_WORKER {
+    std::unique_ptr<WORKER_PROCESS> process;
+    std::string program;
+    std::string surroundings;
+
+    bool fits(const std::string& wanted_program, const std::string& wanted_surroundings) const {
+        return program == wanted_program && surroundings == wanted_surroundings &&
+               process->is_waiting();
+    }
+};
+
+// Both under the workers' lock. Plain values, which a thread in a call may use to the very end of
+// the process.
+WAITING_WORKER* waiting = nullptr;
+bool ended = false;
+
+// Puts a worker in the place of the one that waits, which it returns.
+std::unique_ptr<WAITING_WORKER> exchange_waiting(std::unique_ptr<WAITING_WORKER> worker) {
+    const std::lock_guard<std::mutex> lock(workers_mutex());
+    if (ended) {
+        return worker;
+    }
+    return std::unique_ptr<WAITING_WORKER>(std::exchange(waiting, worker.release()));
+}
+
+// Ends the worker that waits when the library goes.
+struct END {
+    END() = default;
+    ~END() {
+        const std::unique_ptr<WAITING_WORKER> last = exchange_waiting(nullptr);
+        const std::lock_guard<std::mutex> lock(workers_mutex());
+        ended = true;
+    }
+    END(const END&) = delete;
+    END& operator=(const END&) = delete;
+};
+const END end_of_library;
+
+}  // namespace
+
+std::string own_worker_program() {
+    const std::string folder = folder_of_library();
+    // Beside the library; in the build's tree; in an installation.
+    for (const char* const place : {"/", "/../bin/", "/" PGM_PYTHON_WORKER_FOLDER "/"}) {
+        std::string program = folder + place + worker_program_name;
+        if (is_program(program)) {
+            return program;
+        }
+    }
+    return folder + "/" + worker_program_name;
+}
+
+TAKEN_WORKER take_worker(const std::string& program, const std::string& surroundings, bool anew) {
+    TAKEN_WORKER taken;
+    if (!anew) {
+        const std::unique_ptr<WAITING_WORKER> worker = exchange_waiting(nullptr);
+        if (worker && worker->fits(program, surroundings)) {
+            taken.process = std::move(worker->process);
+            taken.was_waiting = true;
+            return taken;
+        }
+    }
+    taken.process = WORKER_PROCESS::start(program, taken.reason);
+    return taken;
+}
+
+void prepare_worker(const std::string& program, const std::string& surroundings) {
+    {
+        const std::lock_guard<std::mutex> lock(workers_mutex());
+        if (ended || (waiting != nullptr && waiting->fits(program, surroundings))) {
+            return;
+        }
+    }
+    std::string reason;
+    std::unique_ptr<WORKER_PROCESS> process = WORKER_PROCESS::start(program, reason);
+    if (process) {
+        exchange_waiting(std::make_unique<WAITING_WORKER>(
+            WAITING_WORKER{std::move(process), program, surroundings}));
+    }
+}

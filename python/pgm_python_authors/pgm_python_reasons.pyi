@@ -1,0 +1,16 @@
+from typing import Any, Callable, Optional, Tuple, TypeVar, Union
+
+_Function = TypeVar("_Function", bound=Callable[..., Any])
+
+PORT: int
+DELIMITER: str
+MOST_BYTES: int
+
+class Refusal(Exception):
+    reasons: Tuple[object, ...]
+    def __init__(self, *reasons: object) -> None: ...
+
+def send_reasons(*reasons: object) -> bool: ...
+def tells_reasons(function: _Function) -> _Function: ...
+def run_main(main: Callable[[], Optional[Union[int, str]]]) -> None: ...
+def __getattr__(name: str) -> Any: ...

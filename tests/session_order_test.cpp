@@ -1,0 +1,469 @@
+// Order between the sessions of an interpreter that goes on after each: a kept one, and a host's.
+
+#include "pgm/pgm_python/session_order.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <thread>
+
+#include "pgm/pgm_python/interpreter_session.h"
+#include "pgm/pgm_python/pgm_python_mgr.h"
+#include "pgm/pgm_python/pgm_python_settings.h"
+#include "tests/support.h"
+#include "zel/zel_py/zel_py.h"
+
+namespace {
+
+// str() of an expression in the running session, or the exception's.
+std::string text_of(const std::string& expression) {
+    PyObject* const names = PyModule_GetDict(PyImport_AddModule("__main__"));
+    const PY_REFERENCE value =
+        PY_REFERENCE::owned(PyRun_String(expression.c_str(), Py_eval_input, names, names));
+    const PY_REFERENCE text = PY_REFERENCE::owned(value ? PyObject_Str(value.get()) : nullptr);
+    if (!text) {
+        py_print_error();
+        return "no value";
+    }
+    return PyUnicode_AsUTF8(text.get());
+}
+
+// The value of an expression in a session of its own, after statements.
+std::string seen(const std::string& statements, const std::string& expression) {
+    const INTERPRETER_SESSION session;
+    EXPECT_TRUE(py_eval(statements.c_str())) << statements;
+    return text_of(expression);
+}
+
+void run(const std::string& statements) {
+    const INTERPRETER_SESSION session;
+    EXPECT_TRUE(py_eval(statements.c_str())) << statements;
+}
+
+class Kept : public testing::Test {
+protected:
+    Kept() {
+        PGM_PYTHON_SETTINGS::end_kept_interpreter();
+        PGM_PYTHON_SETTINGS::set_calls(PGM_PYTHON_CALLS::kept);
+    }
+    ~Kept() override {
+        PGM_PYTHON_SETTINGS::end_kept_interpreter();
+        PGM_PYTHON_SETTINGS::use_environment();
+        EXPECT_FALSE((Py_IsInitialized() != 0));
+    }
+};
+
+TEST_F(Kept, TheInterpreterOutlivesItsSessionsUntilTheHostEndsIt) {
+    EXPECT_FALSE((Py_IsInitialized() != 0));
+    const std::string first = seen("import sys", "id(sys.modules)");
+    EXPECT_TRUE((Py_IsInitialized() != 0));
+    EXPECT_EQ(seen("import sys", "id(sys.modules)"), first);
+    PGM_PYTHON_SETTINGS::end_kept_interpreter();
+    EXPECT_FALSE((Py_IsInitialized() != 0));
+    PGM_PYTHON_SETTINGS::end_kept_interpreter();
+    EXPECT_EQ(seen("", "1 + 1"), "2");
+}
+
+TEST_F(Kept, KindsMayFollowOneAnotherInAnyOrder) {
+    const PGM_PYTHON_CALLS fresh = PGM_PYTHON_CALLS::fresh;
+    const PGM_PYTHON_CALLS kept = PGM_PYTHON_CALLS::kept;
+    for (const PGM_PYTHON_CALLS kind : {kept, fresh, fresh, kept, kept, fresh, kept}) {
+        PGM_PYTHON_SETTINGS::set_calls(kind);
+        std::thread([] {
+            EXPECT_EQ(seen("import threading, json", "json.dumps([1])"), "[1]");
+        }).join();
+        EXPECT_EQ(seen("import threading, json", "json.dumps([2])"), "[2]");
+        EXPECT_EQ((Py_IsInitialized() != 0), kind == kept);
+    }
+}
+
+TEST_F(Kept, SessionsMayFollowOneAnotherOnDifferentThreads) {
+    run("");
+    int right = 0;
+    std::string threads;
+    for (int round = 0; round < 20; ++round) {
+        std::thread([&] {
+            right += seen("import threading", "threading.current_thread() is None") == "False";
+        }).join();
+        threads = seen("import threading", "len(threading.enumerate())");
+    }
+    EXPECT_EQ(right, 20);
+    EXPECT_EQ(threads, "1");
+}
+
+// Statements that change something, and how a later script would notice.
+struct CHANGE {
+    const char* name;
+    const char* statements;
+    const char* imports;
+    const char* look;
+};
+
+class KeptChange : public Kept, public testing::WithParamInterface<CHANGE> {};
+
+TEST_P(KeptChange, IsUndone) {
+    const CHANGE& change = GetParam();
+    const std::string before = seen(change.imports, change.look);
+    {
+        const INTERPRETER_SESSION session;
+        ASSERT_TRUE(py_eval((std::string(change.imports) + "\n" + change.statements).c_str()));
+    }
+    EXPECT_EQ(seen(change.imports, change.look), before);
+    // And it can be noticed where it is not undone.
+    const INTERPRETER_SESSION session;
+    ASSERT_TRUE(py_eval((std::string(change.imports) + "\n" + change.statements).c_str()));
+    if (std::string(change.name) != "ClosedStream") {
+        EXPECT_NE(text_of(change.look), before);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scripts, KeptChange,
+    testing::Values(
+        CHANGE{"PathAppended", "sys.path.append('/x')", "import sys", "sys.path"},
+        CHANGE{"PathReplaced", "sys.path = ['/x'] + sys.path", "import sys", "sys.path"},
+        CHANGE{"Arguments", "sys.argv = ['a']", "import sys", "getattr(sys, 'argv', None)"},
+        CHANGE{"Stream", "import io\nsys.stdout = io.StringIO()", "import sys",
+               "type(sys.stdout).__name__"},
+        CHANGE{"ClosedStream", "sys.stderr.close()", "import sys", "sys.stderr.closed"},
+        CHANGE{"DetachedStream", "sys.stdout.detach()", "import sys", "repr(sys.stdout)"},
+        CHANGE{"OriginalStream", "sys.__stdout__ = None", "import sys", "sys.__stdout__ is None"},
+        CHANGE{"StreamsEncoding", "sys.stdout.reconfigure(encoding='utf-16')", "import sys",
+               "sys.stdout.encoding"},
+        CHANGE{"ExceptHook", "sys.excepthook = print", "import sys",
+               "sys.excepthook is sys.__excepthook__"},
+        CHANGE{"DisplayHook", "sys.displayhook = print", "import sys",
+               "sys.displayhook is sys.__displayhook__"},
+        CHANGE{"UnraisableHook", "sys.unraisablehook = print", "import sys",
+               "getattr(sys, 'unraisablehook', None) is print"},
+        CHANGE{"BreakpointHook", "sys.breakpointhook = print", "import sys",
+               "sys.breakpointhook is sys.__breakpointhook__"},
+        CHANGE{"ThreadsHook", "threading.excepthook = print", "import threading",
+               "getattr(threading, 'excepthook', None) is print"},
+        CHANGE{"Trace", "sys.settrace(lambda *_: None)", "import sys", "sys.gettrace() is None"},
+        CHANGE{"Profile", "sys.setprofile(lambda *_: None)", "import sys",
+               "sys.getprofile() is None"},
+        CHANGE{"ThreadsTrace", "threading.settrace(print)", "import threading",
+               "threading._trace_hook"},
+        CHANGE{"RecursionLimit", "sys.setrecursionlimit(500)", "import sys",
+               "sys.getrecursionlimit()"},
+        CHANGE{"SwitchInterval", "sys.setswitchinterval(1.5)", "import sys",
+               "sys.getswitchinterval()"},
+        CHANGE{"Builtin", "builtins.extra = 1\nbuiltins.print = None", "import builtins",
+               "hasattr(builtins, 'extra'), print is None"},
+        CHANGE{"MissingBuiltin", "del builtins.memoryview", "import builtins",
+               "hasattr(builtins, 'memoryview')"},
+        CHANGE{"MainModule", "leftover = 1", "", "'leftover' in globals()"},
+        CHANGE{"MainModulesPlace", "sys.modules['__main__'] = sys\n", "import sys",
+               "sys.modules['__main__'] is sys"},
+        CHANGE{"WarningFilters", "warnings.simplefilter('error')", "import warnings",
+               "warnings.filters"},
+        CHANGE{"WarningsPrinter", "warnings.showwarning = print", "import warnings",
+               "warnings.showwarning is print"},
+        CHANGE{"SignalHandler", "signal.signal(signal.SIGTERM, signal.SIG_IGN)", "import signal",
+               "signal.getsignal(signal.SIGTERM)"},
+        CHANGE{"InterruptHandler", "signal.signal(signal.SIGINT, lambda *_: None)", "import signal",
+               "signal.getsignal(signal.SIGINT)"},
+        CHANGE{"Environment", "os.environ['LEFT'] = 'x'\nos.environ.pop('PATH')", "import os",
+               "os.environ.get('LEFT'), 'PATH' in os.environ"},
+        CHANGE{"EnvironmentReplaced", "os.environ = {}", "import os", "type(os.environ)"},
+        CHANGE{"PatchedOs", "os.getcwd = None", "import os", "os.getcwd is None"},
+        CHANGE{"DecimalContext", "decimal.getcontext().prec = 3", "import decimal",
+               "decimal.Decimal(1) / 3"},
+        CHANGE{"DecimalTemplate", "decimal.DefaultContext.prec = 3", "import decimal",
+               "decimal.DefaultContext"},
+        CHANGE{"ContextVariable", "decimal.setcontext(decimal.Context(prec=5))", "import decimal",
+               "decimal.getcontext().prec"},
+        CHANGE{"CollectorOff", "gc.disable()", "import gc", "gc.isenabled()"},
+        CHANGE{"CollectorThreshold", "gc.set_threshold(5)", "import gc", "gc.get_threshold()"},
+        CHANGE{"CollectorCallback", "gc.callbacks.append(lambda *_: None)", "import gc",
+               "len(gc.callbacks)"},
+        CHANGE{"CollectorDebug", "gc.set_debug(gc.DEBUG_SAVEALL)", "import gc", "gc.get_debug()"},
+        CHANGE{"Finder", "sys.meta_path.insert(0, object)", "import sys", "len(sys.meta_path)"},
+        CHANGE{"PathHook", "sys.path_hooks.clear()", "import sys", "len(sys.path_hooks)"},
+        CHANGE{"ImportersCache", "sys.path_importer_cache['/x'] = None", "import sys",
+               "'/x' in sys.path_importer_cache"},
+        CHANGE{"Module", "sys.modules['json'] = sys\n", "import sys, json",
+               "sys.modules['json'] is sys"},
+        CHANGE{"MissingModule", "del sys.modules['json']", "import sys, json",
+               "id(sys.modules['json'])"},
+        CHANGE{"MadeModule", "sys.modules['made'] = type(sys)('made')", "import sys",
+               "'made' in sys.modules"},
+        CHANGE{"BlockedModule", "sys.modules['xmlrpc'] = None", "import sys",
+               "'xmlrpc' in sys.modules"},
+        CHANGE{"Modules", "sys.modules = {}", "import sys", "len(sys.modules) > 5"},
+        CHANGE{"LastException", "sys.last_value = 3", "import sys", "hasattr(sys, 'last_value')"},
+        CHANGE{"Logging", "logging.basicConfig(level=10)", "import logging",
+               "len(logging.root.handlers), logging.root.level"},
+        CHANGE{"SocketTimeout", "_socket.setdefaulttimeout(3)", "import _socket",
+               "_socket.getdefaulttimeout()"}),
+    [](const testing::TestParamInfo<CHANGE>& change) { return std::string(change.param.name); });
+
+TEST_F(Kept, TheLocaleIsTheSameInEverySession) {
+    const char* const host = std::setlocale(LC_ALL, nullptr);
+    const std::string before = host == nullptr ? "" : host;
+    const std::string first = seen("import locale", "locale.setlocale(locale.LC_ALL)");
+    run("import locale\nlocale.setlocale(locale.LC_ALL, 'C')");
+    EXPECT_EQ(std::setlocale(LC_ALL, nullptr), before);
+    EXPECT_EQ(seen("import locale", "locale.setlocale(locale.LC_ALL)"), first);
+    EXPECT_EQ(std::setlocale(LC_ALL, nullptr), before);
+}
+
+TEST_F(Kept, SignalsAreTheHostsBetweenSessions) {
+    const auto before = std::signal(SIGTERM, SIG_DFL);
+    for (int round = 0; round < 2; ++round) {
+        run("import signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
+            "signal.signal(signal.SIGINT, lambda *_: None)");
+        const auto interrupt = std::signal(SIGINT, SIG_DFL);
+        EXPECT_EQ(interrupt, SIG_DFL);
+        EXPECT_EQ(std::signal(SIGTERM, SIG_DFL), SIG_DFL);
+    }
+    std::signal(SIGTERM, before);
+}
+
+TEST_F(Kept, TheEnvironmentIsTheHostsAndWhatScriptsSetIsUndone) {
+    const ENVIRONMENT_VALUE own("PGM_TEST_OWN", "first");
+    EXPECT_EQ(seen("import os", "os.environ['PGM_TEST_OWN']"), "first");
+    {
+        const ENVIRONMENT_VALUE other("PGM_TEST_OWN", "second");
+        EXPECT_EQ(seen("import os", "os.environ['PGM_TEST_OWN']"), "second");
+    }
+    run("import os\nos.environ['PGM_TEST_OWN'] = 'x'\nos.putenv('PGM_TEST_NEW', 'y')");
+    EXPECT_STREQ(std::getenv("PGM_TEST_OWN"), "first");
+    EXPECT_EQ(std::getenv("PGM_TEST_NEW"), nullptr);
+    run("import os\ndel os.environ['PGM_TEST_OWN']");
+    EXPECT_STREQ(std::getenv("PGM_TEST_OWN"), "first");
+    {
+        const ENVIRONMENT_VALUE none("PGM_TEST_OWN", nullptr);
+        EXPECT_EQ(seen("import os", "os.environ.get('PGM_TEST_OWN')"), "None");
+    }
+}
+
+// ---- modules
+
+// What module `bits` of a folder says, imported as a bridge imports a script.
+std::string imported(const std::string& script, const std::string& expression) {
+    INTERPRETER_SESSION session;
+    session.setup_system_path();
+    const std::string module = session.setup_system_path(script);
+    EXPECT_TRUE(py_eval(("import sys\nimport " + module + " as script").c_str()));
+    return text_of(expression);
+}
+
+void check_modules_of_scripts() {
+    const TEST_INSTALLATION installation;
+    const TEMPORARY_FOLDER folder;
+    const std::string one = folder.write("one/bits.py", "import helper\nname = 'one'\n");
+    const std::string two = folder.write("two/bits.py", "import helper\nname = 'two'\n");
+    folder.write("one/helper.py", "name = 'helper of one'\n");
+    folder.write("added/late.py", "");
+    folder.write("two/calendar.py", "name = 'calendar of two'\n");
+    installation.common_script("python/source/helper.py", "name = 'common helper'\n");
+    EXPECT_EQ(imported(one, "script.name + ', ' + script.helper.name"), "one, helper of one");
+    EXPECT_EQ(imported(two, "script.name + ', ' + script.helper.name"), "two, common helper");
+    // A script is read anew.
+    folder.write("two/bits.py", "import helper\nname = 'changed two'\n");
+    EXPECT_EQ(imported(two, "script.name"), "changed two");
+    // A folder that a script adds, and takes back.
+    EXPECT_EQ(imported(one, "[sys.path.insert(0, '" + folder.path() +
+                                "/added'), __import__('late'), sys.path.pop(0)][1].__name__"),
+              "late");
+    EXPECT_EQ(imported(one, "'late' in sys.modules"), "False");
+    // A module of the standard library gives way to a script's own.
+    EXPECT_EQ(imported(one, "hasattr(__import__('calendar'), 'month_name')"), "True");
+    EXPECT_EQ(imported(two, "__import__('calendar').name"), "calendar of two");
+    EXPECT_EQ(imported(one, "hasattr(__import__('calendar'), 'month_name')"), "True");
+    // The standard library's stay.
+    EXPECT_EQ(imported(one, "'calendar' in sys.modules"), "True");
+}
+
+TEST_F(Kept, ModulesOfScriptsAreForgottenAndTheStandardLibrarysStay) {
+    check_modules_of_scripts();
+}
+
+// ---- the end of a session
+
+TEST_F(Kept, ExitFunctionsRunAtTheEndOfTheCallThatMadeThem) {
+    const auto written = [](const std::string& statements) {
+        return written_by([&] { run(statements); });
+    };
+    EXPECT_EQ(written("import atexit, sys\n"
+                      "atexit.register(sys.stderr.write, 'first\\n')\n"
+                      "atexit.register(sys.stderr.write, 'second\\n')\n"
+                      "@atexit.register\n"
+                      "def gone(): pass\n"
+                      "atexit.unregister(gone)\n"),
+              "second\nfirst\n");
+    EXPECT_EQ(written("pass"), "");
+    const std::string failed = written(
+        "import atexit, sys\n"
+        "atexit.register(sys.stderr.write, 'run all the same\\n')\n"
+        "atexit.register(lambda: 1/0)\n");
+    EXPECT_NE(failed.find("ZeroDivisionError: division by zero\nrun all the same\n"),
+              std::string::npos)
+        << failed;
+    EXPECT_EQ(written("pass"), "");
+    EXPECT_EQ(written_by([] { PGM_PYTHON_SETTINGS::end_kept_interpreter(); }), "");
+}
+
+TEST_F(Kept, ModulesThatStayEndTheirWorkInEverySession) {
+    const TEMPORARY_FOLDER folder;
+    for (int round = 0; round < 3; ++round) {
+        run("import logging.handlers\n"
+            "handler = logging.handlers.MemoryHandler(1000, flushOnClose=True,\n"
+            "    target=logging.FileHandler(r'" +
+            folder.path() +
+            "/log'))\n"
+            "logging.getLogger('x').addHandler(handler)\n"
+            "logging.getLogger('x').error('line')\n"
+            "import weakref\n"
+            "class Object: pass\n"
+            "thing = Object()\n"
+            "weakref.finalize(thing, logging.FileHandler(r'" +
+            folder.path() +
+            "/log').emit, logging.makeLogRecord({'msg': 'finalized'}))\n"
+            "from concurrent.futures import ThreadPoolExecutor\n"
+            "pool = ThreadPoolExecutor()\n"
+            "assert pool.submit(lambda: 3).result() == 3\n");
+    }
+    std::string log = folder.read("log");
+    log.erase(std::remove(log.begin(), log.end(), '\r'), log.end());
+    std::size_t finalized = 0;
+    for (std::size_t at = log.find("finalized"); at != std::string::npos;
+         at = log.find("finalized", at + 1)) {
+        ++finalized;
+    }
+    EXPECT_EQ(finalized, 3U) << log;
+    EXPECT_EQ(log.size(), 3 * (std::string("finalized\n").size() + std::string("line\n").size()))
+        << log;
+}
+
+TEST_F(Kept, ThreadsAreWaitedFor) {
+    EXPECT_EQ(written_by([] {
+                  run("import sys, threading, time\n"
+                      "def work():\n"
+                      "    time.sleep(0.2)\n"
+                      "    sys.stderr.write('done\\n')\n"
+                      "threading.Thread(target=work).start()\n");
+              }),
+              "done\n");
+}
+
+TEST_F(Kept, WhatACallMadeIsCollectedAtItsEnd) {
+    const TEST_INSTALLATION installation;
+    const std::string script =
+        installation.common_script("python/leaving.py",
+                                   "import sys\n"
+                                   "class Left:\n"
+                                   "    def __del__(self):\n"
+                                   "        sys.stderr.write('finalised\\n')\n"
+                                   "left = Left()\n"
+                                   "left.itself = left\n");
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(written_by([&] { imported(script, "1"); }), "finalised\n");
+    }
+}
+
+TEST_F(Kept, AThrowingReportLeavesTheInterpreterInOrder) {
+    const TEST_INSTALLATION installation;
+    RECORDING_RECEIVER receiver;
+    const std::string script = installation.common_script("python/tool.py", "");
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(thrown_by([] {
+                      INTERPRETER_SESSION session;
+                      py_eval("import sys\nsys.path.append('/left')");
+                      session.setup_system_path("");
+                  }),
+                  internal_error("Python file must be specified", 1779));
+        EXPECT_EQ(imported(script, "'/left' in sys.path"), "False");
+    }
+}
+
+TEST_F(Kept, AThousandCallsOfOneQueryGrowByAtMostAKibibyteEach) {
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "def query_opn_name(name): return 7\n");
+    constexpr int calls = 1000;
+    int right = 0;
+    for (int round = 0; round < calls; ++round) {
+        right += PGM_PYTHON_MGR::query_opn_name("x") == 7 ? 1 : 0;
+    }
+    const long long before = resident_memory();
+    for (int round = 0; round < calls; ++round) {
+        right += PGM_PYTHON_MGR::query_opn_name("x") == 7 ? 1 : 0;
+    }
+    EXPECT_EQ(right, 2 * calls);
+    if (before < 0) {
+        GTEST_SKIP() << "the platform does not tell the memory in use";
+    }
+    EXPECT_LE(resident_memory() - before, calls * 1024LL);
+}
+
+// ---- an interpreter of the host's own
+
+class HOST_INTERPRETER {
+public:
+    HOST_INTERPRETER() { Py_InitializeEx(0); }
+    ~HOST_INTERPRETER() { Py_FinalizeEx(); }
+    HOST_INTERPRETER(const HOST_INTERPRETER&) = delete;
+    HOST_INTERPRETER& operator=(const HOST_INTERPRETER&) = delete;
+};
+
+TEST(HostsInterpreter, ModulesOfScriptsAreForgottenAndTheStandardLibrarysStay) {
+    const HOST_INTERPRETER host;
+    check_modules_of_scripts();
+}
+
+TEST(HostsInterpreter, ASessionPutsBackWhatItFound) {
+    const TEST_INSTALLATION installation;
+    const std::string script = installation.common_script("python/bits.py", "name = 'script'\n");
+    const ENVIRONMENT_VALUE none("PGM_PYTHON_BIN_DIR", nullptr);
+    const HOST_INTERPRETER host;
+    ASSERT_TRUE(
+        py_eval("import os, sys, types, logging, atexit, gc\n"
+                "sys.argv = ['of the host']\n"
+                "sys.modules['bits'] = types.ModuleType('bits')\n"
+                "sys.modules['bits'].name = 'host'\n"
+                "mine = 'still here'\n"
+                "def hook(*_): pass\n"
+                "sys.excepthook = hook\n"
+                "logging.root.handlers.append(logging.NullHandler())\n"
+                "def state():\n"
+                "    return [list(sys.path), sys.argv, sys.excepthook, sys.stdout,\n"
+                "            sorted(sys.modules), dict(os.environ), sys.modules['bits'].name,\n"
+                "            sys.modules['__main__'].mine, logging.root.handlers[:],\n"
+                "            atexit.register, gc.get_freeze_count(), gc.isenabled(),\n"
+                "            os.environ.get('PGM_PYTHON_BIN_DIR')]\n"
+                "before = state()\n"));
+    for (const PGM_PYTHON_CALLS kind : {PGM_PYTHON_CALLS::fresh, PGM_PYTHON_CALLS::kept}) {
+        PGM_PYTHON_SETTINGS::set_calls(kind);
+        for (int round = 0; round < 4; ++round) {
+            WIDE_ARGUMENT_VECTOR arguments;
+            INTERPRETER_SESSION session;
+            arguments.set(script, {"argument"});
+            session.setup_system_path();
+            session.setup_system_path(script);
+            EXPECT_EQ(text_of("__import__('bits').name"), "script");
+            EXPECT_EQ(text_of("'mine' in globals()"), "False");
+            EXPECT_TRUE(
+                py_eval("import os, sys, logging, atexit, io, gc\n"
+                        "sys.stdout = io.StringIO()\n"
+                        "sys.excepthook = None\n"
+                        "os.environ['LEFT'] = 'x'\n"
+                        "logging.root.handlers.clear()\n"
+                        "atexit.register(print)\n"
+                        "gc.disable()\n"));
+        }
+        EXPECT_EQ(std::getenv("LEFT"), nullptr);
+        EXPECT_EQ(text_of("state() == before"), "True")
+            << text_of("[(a, b) for a, b in zip(before, state()) if a != b]");
+    }
+    PGM_PYTHON_SETTINGS::use_environment();
+    PGM_PYTHON_SETTINGS::end_kept_interpreter();
+    EXPECT_TRUE((Py_IsInitialized() != 0));
+}
+
+}  // namespace

@@ -1,0 +1,540 @@
+// Worker processes as the system sees them: what they hold, when they end, and hosts that do
+// unusual things with their children.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "pgm/pgm_python/pgm_python_mgr.h"
+#include "pgm/pgm_python/pgm_python_settings.h"
+#include "pgm/pgm_python/worker_pool.h"
+#include "tests/support.h"
+
+namespace {
+
+typedef std::vector<std::string> REPORTS;
+
+const std::string worker_program = std::string(PGM_PYTHON_PROGRAMS "/") + worker_program_name;
+
+// A mark in the environment, by which this test's processes are found.
+class MARK {
+public:
+    MARK()
+        : m_mark("PGM_TEST_MARK=" + std::to_string(std::random_device()()) + "x"),
+          m_variable("PGM_TEST_MARK", m_mark.c_str() + 14) {}
+
+    const std::string& text() const { return m_mark; }
+
+    // The living processes with the mark, save for this one.
+    std::vector<pid_t> processes() const {
+        std::vector<pid_t> found;
+        std::error_code error;
+        for (std::filesystem::directory_iterator entry("/proc", error), end; !error && entry != end;
+             entry.increment(error)) {
+            const pid_t process = std::atoi(entry->path().filename().c_str());
+            if (process <= 0 || process == ::getpid()) {
+                continue;
+            }
+            // A process that has ended has no environment any more.
+            if (read(entry->path() / "environ").find(m_mark + '\0') != std::string::npos) {
+                found.push_back(process);
+            }
+        }
+        return found;
+    }
+
+    // Whether there are none, or soon are none.
+    bool is_gone() const {
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!processes().empty()) {
+            if (std::chrono::steady_clock::now() > limit) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return true;
+    }
+
+    static std::string read(const std::filesystem::path& path) {
+        std::ifstream file(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+
+private:
+    std::string m_mark;
+    ENVIRONMENT_VALUE m_variable;
+};
+
+const char script_source[] =
+    "import os, sys, time, subprocess, signal\n"
+    "def same(data): return data\n"
+    "def end(data): os._exit(9)\n"
+    "def kill(data): os.kill(os.getpid(), signal.SIGKILL)\n"
+    "def crash(data):\n"
+    "    import ctypes\n"
+    "    ctypes.string_at(0)\n"
+    "def abort(data): os.abort()\n"
+    "def no_memory(data):\n"
+    "    import resource\n"
+    "    resource.setrlimit(resource.RLIMIT_AS, (1 << 28, 1 << 28))\n"
+    "    bytearray(1 << 32)\n"
+    "def refuse(data): raise ValueError\n"
+    "def linger(data): time.sleep(1000)\n"
+    "def descriptors(data):\n"
+    "    names = []\n"
+    "    for name in sorted(os.listdir('/proc/self/fd'), key=int):\n"
+    "        try: names.append(name + ' ' + os.readlink('/proc/self/fd/' + name).split(':')[0])\n"
+    "        except OSError: pass\n"
+    "    return bytearray('\\n'.join(names).encode())\n"
+    "def sockets_of_child(data):\n"
+    "    text = subprocess.run(['ls', '-l', '/proc/self/fd'], stdout=subprocess.PIPE,\n"
+    "                          close_fds=False).stdout\n"
+    "    return bytearray(str(text.count(b'socket')).encode())\n"
+    "def leave_children(data):\n"
+    "    for session in (False, True):\n"
+    "        subprocess.Popen(['sleep', '1000'], start_new_session=session)\n"
+    "    subprocess.Popen(['sh', '-c', 'setsid sleep 1000 & sleep 1000'])\n"
+    "    if data == b'linger': time.sleep(1000)\n"
+    "    if data == b'end': os._exit(1)\n"
+    "    return data\n"
+    "def fork_and_return(data):\n"
+    "    if os.fork() == 0: return bytearray(b'child')\n"
+    "    os.wait()\n"
+    "    return bytearray(b'parent')\n"
+    "def fork_and_end(data):\n"
+    "    if os.fork() == 0: time.sleep(1000)\n"
+    "    os._exit(4)\n"
+    "def child_signal(data):\n"
+    "    return bytearray(str(int(signal.getsignal(signal.SIGCHLD) == signal.SIG_IGN)).encode())\n"
+    "def mask(data):\n"
+    "    before = os.umask(0)\n"
+    "    return bytearray(oct(before).encode())\n"
+    "def line(data): return bytearray(sys.stdin.readline().encode())\n";
+
+class WorkerProcesses : public testing::Test {
+protected:
+    WorkerProcesses() {
+        PGM_PYTHON_SETTINGS::set_calls(PGM_PYTHON_CALLS::worker);
+        PGM_PYTHON_SETTINGS::set_worker(worker_program);
+    }
+    ~WorkerProcesses() override { PGM_PYTHON_SETTINGS::use_environment(); }
+
+    std::string call(const char* function, const std::string& data = "data") const {
+        unsigned long size = 0;
+        const std::unique_ptr<unsigned char[]> bytes(PGM_PYTHON_MGR::modify_bitstream(
+            reinterpret_cast<const unsigned char*>(data.data()),
+            static_cast<unsigned long>(data.size()), size, script, function, {}));
+        return bytes ? std::string(bytes.get(), bytes.get() + size) : "no bytes";
+    }
+
+    // Starts this in a process of its own that ends with it; its status, as a shell gives it.
+    template <typename ACTION>
+    static int in_child(const ACTION& action) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::_exit(action());
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    const MARK mark;
+    const TEST_INSTALLATION installation;
+    const std::string script = installation.common_script("python/bits.py", script_source);
+    RECORDING_RECEIVER receiver;
+};
+
+TEST_F(WorkerProcesses, AWorkerHasNothingOfTheHostsOpenButTheStreams) {
+    std::array<int, 2> leaking = {};
+    ASSERT_EQ(::pipe(leaking.data()), 0);  // without O_CLOEXEC, as careless hosts do it
+    const std::string descriptors = call("descriptors");
+    const std::size_t third = descriptors.find("\n2 ");
+    ASSERT_NE(third, std::string::npos) << descriptors;
+    // Nothing behind the streams but the connection.
+    EXPECT_EQ(descriptors.substr(descriptors.find('\n', third + 1) + 1), "4 socket");
+    // One waits now; the other end of the pipe sees this process close it.
+    ::close(leaking[1]);
+    pollfd end = {leaking[0], POLLIN, 0};
+    EXPECT_EQ(::poll(&end, 1, 5000), 1);
+    char byte = 0;
+    EXPECT_EQ(::read(leaking[0], &byte, 1), 0);
+    ::close(leaking[0]);
+}
+
+TEST_F(WorkerProcesses, AWorkerThatWaitsHoldsNotEvenTheStreams) {
+    std::array<int, 2> output = {};
+    ASSERT_EQ(::pipe2(output.data(), O_CLOEXEC), 0);
+    const int before = ::dup(STDOUT_FILENO);
+    ::dup2(output[1], STDOUT_FILENO);
+    EXPECT_EQ(call("same"), "data");
+    ::dup2(before, STDOUT_FILENO);
+    ::close(before);
+    ::close(output[1]);
+    pollfd end = {output[0], POLLIN, 0};
+    EXPECT_EQ(::poll(&end, 1, 20000), 1);
+    EXPECT_EQ(end.revents, POLLHUP);
+    ::close(output[0]);
+    EXPECT_FALSE(mark.processes().empty());
+}
+
+TEST_F(WorkerProcesses, NothingThatAScriptStartsGetsTheConnection) {
+    EXPECT_EQ(call("sockets_of_child"), "0");
+}
+
+TEST_F(WorkerProcesses, StreamsThatChangedSinceTheStartAreTheScripts) {
+    call("same");
+    const TEMPORARY_FOLDER folder;
+    const std::string file = folder.write("input", "a line\n");
+    const int before = ::dup(STDIN_FILENO);
+    const int input = ::open(file.c_str(), O_RDONLY);
+    ::dup2(input, STDIN_FILENO);
+    ::close(input);
+    EXPECT_EQ(call("line"), "a line\n");
+    ::dup2(before, STDIN_FILENO);
+    ::close(before);
+}
+
+TEST_F(WorkerProcesses, AMaskThatChangedSinceTheStartIsTheScripts) {
+    const mode_t before = ::umask(022);
+    EXPECT_EQ(call("mask"), "0o22");
+    ::umask(027);
+    EXPECT_EQ(call("mask"), "0o27");
+    ::umask(before);
+}
+
+TEST_F(WorkerProcesses, AWorkerThatDiedWhileItWaitedIsReplacedWithoutAWord) {
+    for (int round = 0; round < 5; ++round) {
+        EXPECT_EQ(call("same"), "data");
+        for (const pid_t process : mark.processes()) {
+            ::kill(process, SIGKILL);
+        }
+        // At once, and when the system has seen it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(round * 5));
+    }
+    EXPECT_EQ(call("same"), "data");
+    EXPECT_EQ(receiver.reports, REPORTS());
+}
+
+TEST_F(WorkerProcesses, AHostThatIgnoresItsChildrenGetsItsAnswers) {
+    struct sigaction ignore = {};
+    struct sigaction before = {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGCHLD, &ignore, &before);
+    EXPECT_EQ(call("child_signal"), "1");
+    EXPECT_EQ(call("end"), "no bytes");
+    ::sigaction(SIGCHLD, &before, nullptr);
+    EXPECT_EQ(receiver.reports,
+              (REPORTS{"error: Python worker ended in the call: exit status 9",
+                       "error 20351: Fail to execute function end in file bits"}));
+}
+
+TEST_F(WorkerProcesses, AHostThatWaitsForAnyChildSeesNone) {
+    EXPECT_EQ(call("same"), "data");
+    errno = 0;
+    EXPECT_EQ(::waitpid(-1, nullptr, 0), -1);
+    EXPECT_EQ(errno, ECHILD);
+    std::atomic<bool> ended{false};
+    std::atomic<int> children{0};
+    std::thread waiting([&] {
+        while (!ended) {
+            children += ::waitpid(-1, nullptr, 0) > 0 ? 1 : 0;
+        }
+    });
+    for (int count = 0; count < 5; ++count) {
+        EXPECT_EQ(call("same"), "data");
+        EXPECT_EQ(call("kill"), "no bytes");
+    }
+    ended = true;
+    waiting.join();
+    EXPECT_EQ(children, 0);
+    EXPECT_EQ(receiver.reports.at(0), "error: Python worker ended in the call: signal 9, Killed");
+}
+
+TEST_F(WorkerProcesses, AHostThatTakesOrphansHasNoneOfItsWorkers) {
+    const int status = in_child([&] {
+        ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+        for (int count = 0; count < 3; ++count) {
+            if (call("same") != "data") {
+                return 1;
+            }
+        }
+        PGM_PYTHON_SETTINGS::set_calls(PGM_PYTHON_CALLS::fresh);
+        int ended = 0;
+        while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+            ++ended;
+        }
+        return ended == 0 ? 0 : 2;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(mark.is_gone());
+}
+
+TEST_F(WorkerProcesses, AForkedHostDoesNotShareTheWorkerThatWaits) {
+    EXPECT_EQ(call("same", "one"), "one");
+    EXPECT_EQ(in_child([&] { return call("same", "two") == "two" ? 0 : 1; }), 0);
+    EXPECT_EQ(call("same", "three"), "three");
+    EXPECT_EQ(receiver.reports, REPORTS());
+}
+
+TEST_F(WorkerProcesses, AForkedChildThatLivesOnKeepsNoWorkerAlive) {
+    std::array<int, 2> go_on = {};
+    ASSERT_EQ(::pipe2(go_on.data(), O_CLOEXEC), 0);
+    pid_t grandchild = 0;
+    std::array<int, 2> told = {};
+    ASSERT_EQ(::pipe2(told.data(), O_CLOEXEC), 0);
+    EXPECT_EQ(in_child([&] {
+                  call("same");
+                  const pid_t child = ::fork();
+                  if (child == 0) {
+                      char byte = 0;
+                      ::close(go_on[1]);
+                      static_cast<void>(!::read(go_on[0], &byte, 1));
+                      ::_exit(0);
+                  }
+                  static_cast<void>(!::write(told[1], &child, sizeof child));
+                  return 0;
+              }),
+              0);
+    ASSERT_EQ(::read(told[0], &grandchild, sizeof grandchild),
+              static_cast<ssize_t>(sizeof grandchild));
+    // The mark is in the environment that a process was started with, so only workers have it.
+    EXPECT_TRUE(mark.is_gone());
+    EXPECT_EQ(::kill(grandchild, 0), 0);
+    for (const int descriptor : {go_on[0], go_on[1], told[0], told[1]}) {
+        ::close(descriptor);
+    }
+}
+
+TEST_F(WorkerProcesses, AProgramThatEndsInTheMidstOfACallEnds) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(in_child([&] {
+                  std::thread([&] { call("linger"); }).detach();
+                  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                  std::_Exit(0);
+                  return 1;
+              }),
+              0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+    EXPECT_TRUE(mark.is_gone());
+}
+
+TEST_F(WorkerProcesses, AProgramThatExitsInTheMidstOfACallEnds) {
+    const PROGRAM_RESULT result =
+        run_program("timeout", {"60", PGM_PYTHON_PROGRAMS "/ending_host"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_TRUE(mark.is_gone());
+}
+
+TEST_F(WorkerProcesses, AnUnloadedLibraryLeavesNoProcess) {
+    const std::string library =
+        (std::filesystem::path(PGM_PYTHON_PROGRAMS) / "../lib/libpgm_python.so").string();
+    const int status = in_child([&] {
+        ::setenv("PGM_PYTHON_CALLS", "worker", 1);
+        for (int round = 0; round < 2; ++round) {
+            void* const handle = ::dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+            typedef bool (*RUN)(int, const char**);
+            const RUN run = handle == nullptr
+                                ? nullptr
+                                : reinterpret_cast<RUN>(::dlsym(
+                                      handle, "_ZN14PGM_PYTHON_MGR15run_python_fileEiPPKc"));
+            const char* argv[] = {"-c", "pass", nullptr};
+            if (run == nullptr || !run(2, argv) || mark.processes().empty()) {
+                return 1;
+            }
+            ::dlclose(handle);
+            if (::dlopen(library.c_str(), RTLD_NOW | RTLD_NOLOAD) != nullptr) {
+                return 2;  // it was not unloaded
+            }
+            if (!mark.is_gone()) {
+                return 3;
+            }
+            if (in_child([] { return 0; }) != 0) {
+                return 4;  // what the library wanted to hear of forks is gone with it
+            }
+        }
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(WorkerProcesses, APipeOfAProgramEndsWithTheProgram) {
+    const std::string command =
+        "PGM_PYTHON_CALLS=worker " PGM_PYTHON_PROGRAMS "/pgm_python_run -c 'print(1)' | cat";
+    const PROGRAM_RESULT result = run_program("timeout", {"60", "sh", "-c", command});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "1\n");
+    EXPECT_TRUE(mark.is_gone());
+}
+
+TEST_F(WorkerProcesses, AProgramWithoutStandardStreamsRunsScripts) {
+    const TEMPORARY_FOLDER folder;
+    const std::string file = folder.path() + "/file";
+    const std::string command = "PGM_PYTHON_CALLS=worker " PGM_PYTHON_PROGRAMS
+                                "/pgm_python_run -c 'import sys; open(\"" +
+                                file + "\", \"w\").write(repr(sys.stdin))' <&- >&- 2>&-";
+    EXPECT_EQ(run_program("timeout", {"60", "sh", "-c", command}).status, 0);
+    EXPECT_EQ(folder.read("file"), "None");
+}
+
+TEST_F(WorkerProcesses, AHostKilledAtAnyMomentLeavesNothing) {
+    const std::string leaving = installation.common_script(
+        "python/leaving.py", std::string(script_source) + "leave_children(b'linger')\n");
+    for (int round = 0; round < 12; ++round) {
+        const pid_t host = ::fork();
+        if (host == 0) {
+            ::setenv("PGM_PYTHON_CALLS", "worker", 1);
+            const int nothing = ::open("/dev/null", O_RDWR);
+            ::dup2(nothing, 1);
+            ::dup2(nothing, 2);
+            ::execl(PGM_PYTHON_PROGRAMS "/pgm_python_run", "pgm_python_run", leaving.c_str(),
+                    nullptr);
+            ::_exit(127);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(round * round * 4));
+        ::kill(host, SIGKILL);
+        ::waitpid(host, nullptr, 0);
+        EXPECT_TRUE(mark.is_gone()) << round;
+    }
+}
+
+TEST_F(WorkerProcesses, TheChildrenOfACallThatTakesTooLongEndWithIt) {
+    PGM_PYTHON_SETTINGS::set_call_timeout(2);
+    EXPECT_EQ(call("leave_children", "linger"), "no bytes");
+    EXPECT_EQ(receiver.reports.at(0),
+              "error: Python worker ended in the call: time limit of 2 seconds");
+    // What is left is the one that waits.
+    EXPECT_LE(mark.processes().size(), 2U);
+    EXPECT_EQ(call("leave_children", "end"), "no bytes");
+    EXPECT_LE(mark.processes().size(), 2U);
+}
+
+TEST_F(WorkerProcesses, WhatAScriptLeavesRunningRunsOnAsInProcess) {
+    EXPECT_EQ(call("leave_children", "go"), "go");
+    int sleeping = 0;
+    for (const pid_t process : mark.processes()) {
+        const std::string command = MARK::read("/proc/" + std::to_string(process) + "/cmdline");
+        if (command.compare(0, 5, "sleep") == 0) {
+            ++sleeping;
+        }
+        if (command.compare(0, 5, "sleep") == 0 || command.compare(0, 2, "sh") == 0) {
+            ::kill(process, SIGKILL);
+        }
+    }
+    EXPECT_GE(sleeping, 3);
+}
+
+TEST_F(WorkerProcesses, AForkedScriptAnswersOnce) {
+    EXPECT_EQ(call("fork_and_return"), "parent");
+    EXPECT_EQ(call("same"), "data");
+    EXPECT_EQ(receiver.reports, REPORTS());
+}
+
+TEST_F(WorkerProcesses, AForkedScriptDoesNotHoldACallWhoseProcessEnded) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(call("fork_and_end"), "no bytes");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+    EXPECT_EQ(receiver.reports.at(0), "error: Python worker ended in the call: exit status 4");
+    EXPECT_LE(mark.processes().size(), 2U);
+}
+
+TEST_F(WorkerProcesses, WhatIsNoWorkerAndSaysSoIsRefused) {
+    // Greets, and answers with what is no frame.
+    const std::string program = installation.folder().write("bin/liar",
+                                                            "#!/bin/bash\n"
+                                                            "printf 'peek\\0\\0\\0\\0' >&3\n"
+                                                            "head -c 1 <&4 >/dev/null\n"
+                                                            "head -c 4096 /dev/urandom >&4\n"
+                                                            "sleep 1000\n");
+    ::chmod(program.c_str(), 0755);
+    PGM_PYTHON_SETTINGS::set_worker(program);
+    EXPECT_EQ(call("same"), "no bytes");
+    EXPECT_EQ(receiver.reports.at(0),
+              "error: Python worker ended in the call: what it sent cannot be read");
+    for (const pid_t process : mark.processes()) {
+        ::kill(process, SIGKILL);  // has no keeper
+    }
+    PGM_PYTHON_SETTINGS::set_worker(worker_program);
+    EXPECT_EQ(call("same"), "data");
+}
+
+// ---- Good calls among those whose process dies, from several threads.
+
+class DyingWorkers : public WorkerProcesses {
+protected:
+    void expect_good_calls_right(int calls);
+};
+
+void DyingWorkers::expect_good_calls_right(int calls) {
+    constexpr int threads = 4;
+    const char* const ways[] = {"end", "kill", "crash", "abort", "no_memory", "refuse"};
+    call("same");
+    const THREADS_BEFORE threads_before;
+    const int handles_before = count_of_open_handles();
+    std::atomic<int> good{0};
+    std::atomic<int> bad{0};
+    MSG_RECEIVER* const recording = MSG_RECEIVER::set(nullptr);
+    const std::string errors = written_by([&] {
+        std::vector<std::thread> callers;
+        for (int thread = 0; thread < threads; ++thread) {
+            callers.emplace_back([&, thread] {
+                for (int count = thread; count < calls; count += threads) {
+                    const std::string data = std::to_string(count);
+                    if (count % 2 == 0) {
+                        good += call("same", data) == data ? 1 : 0;
+                    } else {
+                        bad +=
+                            call(ways[static_cast<std::size_t>(count / 2) % 6], data) == "no bytes"
+                                ? 1
+                                : 0;
+                    }
+                }
+            });
+        }
+        for (std::thread& caller : callers) {
+            caller.join();
+        }
+    });
+    MSG_RECEIVER::set(recording);
+    EXPECT_EQ(good, (calls + 1) / 2);
+    EXPECT_EQ(bad, calls / 2);
+    EXPECT_TRUE(threads_before.are_back());
+    EXPECT_EQ(count_of_open_handles(), handles_before);
+    EXPECT_NE(errors.find("ended in the call: signal 11, Segmentation fault"), std::string::npos);
+    // A keeper and its worker, which wait.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (mark.processes().size() > 2 && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_LE(mark.processes().size(), 2U);
+    EXPECT_TRUE(port_is_free());
+}
+
+TEST_F(DyingWorkers, EveryGoodCallAmongThemIsRightAndNothingIsLeft) {
+    expect_good_calls_right(40);
+}
+
+class EnduranceOfWorkers : public DyingWorkers {};
+
+TEST_F(EnduranceOfWorkers, EveryGoodCallOfAThousandIsRightAndNothingIsLeft) {
+    expect_good_calls_right(1000);
+}
+
+}  // namespace
