@@ -70,13 +70,11 @@ std::atomic<bool> session_in_force = false;
 // The order of the kept interpreter, while there is one. The objects in it go with the interpreter,
 // so that nothing is done as the process ends.
 SESSION_ORDER* kept_order = nullptr;
-bool kept_order_is_current = false;
 
 // The order of the interpreter in force, which is kept: made by its first session.
 SESSION_ORDER* order_of_kept() {
-    if (!kept_order_is_current) {
+    if (kept_order == nullptr) {
         kept_order = new SESSION_ORDER(SESSION_ORDER::INTERPRETER::kept);
-        kept_order_is_current = true;
         // What making it has changed in the process is no script's doing.
         py_suspend();
         py_resume();
@@ -87,10 +85,7 @@ SESSION_ORDER* order_of_kept() {
 // Ends the kept interpreter, if there is one.
 void end_kept() {
     if (py_resume()) {
-        if (kept_order_is_current) {
-            delete kept_order;
-        }
-        kept_order_is_current = false;
+        delete std::exchange(kept_order, nullptr);
         py_finalize();
     }
 }
@@ -231,7 +226,7 @@ INTERPRETER_SESSION::INTERPRETER_SESSION(PGM_PYTHON_CALLS calls) {
         end_kept();
     }
     if (!kept || !py_resume()) {
-        kept_order_is_current = false;
+        kept_order = nullptr;  // what it held went with its interpreter
         if (!std::exchange(started_ahead, false)) {
             py_initialize();
         }
@@ -248,7 +243,7 @@ INTERPRETER_SESSION::INTERPRETER_SESSION(PGM_PYTHON_CALLS calls) {
         }
     } catch (...) {
         m_own_order.reset();
-        kept_order_is_current = false;
+        delete std::exchange(kept_order, nullptr);
         py_finalize();
         throw;
     }
