@@ -277,6 +277,15 @@ TEST_F(FilesOfCallTool, ReadsABatchFromStandardInput) {
     EXPECT_EQ(result.errors, "standard input: 2 calls, 2 succeeded, 0 failed\n");
 }
 
+TEST_F(FilesOfCallTool, TellsOfABatchThatCannotBeReadToItsEnd) {
+    const PROGRAM_RESULT result = call_by_shell("\"$0\" --batch - < \"$1\"", {m_folder});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors,
+              "error: standard input cannot be read to its end: Is a directory\n"
+              "standard input: 0 calls, 0 succeeded, 0 failed\n");
+}
+
 // A child that a script has forked must not do the rest of the tool's work.
 TEST_F(FilesOfCallTool, WritesOnceWhenAScriptForks) {
     const std::string script = m_installation.common_script("python/fork.py",

@@ -31,7 +31,7 @@ public:
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }
-        return true;
+        return !has_failed();  // half a line is no call
     }
 
     bool has_failed() const { return std::ferror(m_stream) != 0; }
@@ -201,13 +201,13 @@ int run_batch(const CALL_OPTIONS& options) {
             return TOOL_FAILURE;
         }
     }
+    const int read_failure = lines.has_failed() ? errno : 0;
     progress.clear();
     if (lines.has_failed()) {
-        std::cerr << "error: " << name << " cannot be read to its end: " << std::strerror(errno)
-                  << std::endl;
-        ++failed;
+        std::cerr << "error: " << name
+                  << " cannot be read to its end: " << std::strerror(read_failure) << std::endl;
     }
     std::cerr << name << ": " << calls << (calls == 1 ? " call, " : " calls, ") << calls - failed
               << " succeeded, " << failed << " failed" << std::endl;
-    return failed == 0 ? TOOL_SUCCESS : TOOL_FAILURE;
+    return failed == 0 && !lines.has_failed() ? TOOL_SUCCESS : TOOL_FAILURE;
 }
