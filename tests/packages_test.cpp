@@ -10,6 +10,7 @@
 #include "pgm/pgm_python/pgm_python_mgr.h"
 #include "pgm/pgm_python/pgm_python_settings.h"
 #include "tests/support.h"
+#include "zel/zel_py/py_reference.h"
 
 namespace {
 
@@ -38,10 +39,11 @@ TEST_P(Packages, WorkInFourCallsAndThenForty) {
     const PACKAGE& package = GetParam();
     const TEST_INSTALLATION installation;
 #if !defined(_WIN32)
-    // Another Python of the same version can use Debian's packages.
-    const char* const debians = "/usr/lib/python3/dist-packages";
-    const ENVIRONMENT_VALUE path("PYTHONPATH",
-                                 std::filesystem::is_directory(debians) ? debians : nullptr);
+    // Another Python of the version of Debian's can use Debian's packages.
+    const bool is_of_debians_version =
+        std::filesystem::is_directory("/usr/lib/python3." + std::to_string(PY_MINOR_VERSION));
+    const ENVIRONMENT_VALUE path(
+        "PYTHONPATH", is_of_debians_version ? "/usr/lib/python3/dist-packages" : nullptr);
 #endif
     const std::string code = std::string("try:\n    import ") + package.import +
                              "\nexcept ImportError as error:\n    raise SystemExit(1)";
