@@ -37,6 +37,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -135,6 +136,16 @@ bool write_parts(int socket, const std::vector<FRAME_PART>& parts, int flags, co
         }
     }
     return true;
+}
+
+// Has the system give memory in large pages for what is about to be read: a page of the usual size
+// costs as much as the bytes that fill it.
+void use_large_pages(void* buffer, std::size_t size) {
+    constexpr std::size_t page = std::size_t{2} << 20;
+    void* begin = buffer;
+    if (std::align(page, page, begin, size) != nullptr) {
+        ::madvise(begin, size - size % page, MADV_HUGEPAGE);
+    }
 }
 
 std::string text_of_signal(int signal) {
@@ -248,6 +259,7 @@ public:
     }
 
     bool read(void* buffer, std::size_t size) override {
+        use_large_pages(buffer, size);
         char* at = static_cast<char*>(buffer);
         while (size > 0) {
             const ssize_t count = ::recv(m_frames, at, size, MSG_DONTWAIT);
@@ -630,6 +642,7 @@ public:
     void release_streams() override { hold_no_streams(); }
 
     bool read(void* buffer, std::size_t size) override {
+        use_large_pages(buffer, size);
         char* at = static_cast<char*>(buffer);
         while (size > 0) {
             const ssize_t count = ::recv(m_socket, at, size, MSG_WAITALL);
