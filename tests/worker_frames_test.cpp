@@ -263,6 +263,64 @@ TEST(WorkerFrames, NoBytesAreAnotherThingThanBytesOfNoLength) {
     EXPECT_NE(answer.bytes.data(), nullptr);
 }
 
+// A stream with the bytes "xyz" ahead of an answer that does or does not speak of them.
+std::string bytes_ahead_of_answer(bool bytes_were_sent) {
+    MEMORY_STREAM stream;
+    const unsigned char bytes[] = {'x', 'y', 'z'};
+    EXPECT_TRUE(write_answer_bytes(stream, bytes, sizeof bytes));
+    EXPECT_TRUE(write_answer(stream, answer_of_items(), bytes_were_sent));
+    return stream.bytes;
+}
+
+TEST(WorkerFrames, BytesThatComeAheadOfTheirAnswerAreTheAnswers) {
+    MEMORY_STREAM stream;
+    stream.bytes = bytes_ahead_of_answer(true);
+    const ANSWER_FORM form = request_of_everything().form;
+    WORKER_EVENT event;
+    ANSWER answer;
+    ASSERT_EQ(read_from_worker(stream, form, event, answer), FRAME_OUTCOME::whole);
+    EXPECT_EQ(event.type, FRAME_TYPE::answer_bytes);
+    EXPECT_FALSE(answer.success);
+    ASSERT_EQ(read_from_worker(stream, form, event, answer), FRAME_OUTCOME::whole);
+    EXPECT_EQ(event.type, FRAME_TYPE::answer);
+    EXPECT_EQ(stream.at, stream.bytes.size());
+    EXPECT_TRUE(answer.success);
+    EXPECT_EQ(answer.numbers, (std::vector<unsigned long>{0xFFFFFFFFUL}));
+    ASSERT_EQ(answer.bytes.size(), 3U);
+    EXPECT_EQ(std::memcmp(answer.bytes.data(), "xyz", 3), 0);
+}
+
+TEST(WorkerFrames, BytesAheadOfAnAnswerThatDoesNotFitThemAreRefused) {
+    const ANSWER_FORM form = request_of_everything().form;
+    WORKER_EVENT event;
+    {
+        MEMORY_STREAM stream;
+        ANSWER answer;
+        stream.bytes = bytes_ahead_of_answer(false);
+        ASSERT_EQ(read_from_worker(stream, form, event, answer), FRAME_OUTCOME::whole);
+        EXPECT_EQ(read_from_worker(stream, form, event, answer), FRAME_OUTCOME::refused);
+    }
+    {
+        MEMORY_STREAM stream;
+        EXPECT_TRUE(write_answer(stream, answer_of_items(), true));
+        EXPECT_EQ(outcome_of(stream.bytes), FRAME_OUTCOME::refused);
+    }
+    {
+        MEMORY_STREAM stream;
+        ANSWER answer;
+        stream.bytes = bytes_ahead_of_answer(true) + bytes_ahead_of_answer(true);
+        stream.bytes = stream.bytes.substr(0, header_size + 8 + 3) + stream.bytes;
+        ASSERT_EQ(read_from_worker(stream, form, event, answer), FRAME_OUTCOME::whole);
+        EXPECT_EQ(read_from_worker(stream, form, event, answer), FRAME_OUTCOME::refused);
+    }
+    // Those of a secret do not come this way, nor any that nobody has asked for.
+    for (const ANSWER_FORM::KIND kind :
+         {ANSWER_FORM::KIND::filled_in, ANSWER_FORM::KIND::number, ANSWER_FORM::KIND::ignored,
+          ANSWER_FORM::KIND::chunks, ANSWER_FORM::KIND::text}) {
+        EXPECT_EQ(outcome_of(bytes_ahead_of_answer(true), answer_of(kind)), FRAME_OUTCOME::refused);
+    }
+}
+
 TEST(WorkerFrames, ChunksOfManyPortionsArrive) {
     ANSWER sent;
     sent.success = true;

@@ -1,5 +1,6 @@
 #include "pgm/pgm_python/bridge_values.h"
 
+#include <cstring>
 #include <utility>
 
 #include "zel/zel_mem/zel_mem.h"
@@ -66,6 +67,14 @@ OWNED_BYTES OWNED_BYTES::unfilled(std::size_t size, bool secret) {
     bytes.m_size = size;
     bytes.m_secret = secret;
     return bytes;
+}
+
+OWNED_BYTES OWNED_BYTES::copy_of(const unsigned char* bytes, std::size_t size, bool secret) {
+    OWNED_BYTES copy = unfilled(size, secret);
+    if (size > 0) {
+        std::memcpy(copy.data(), bytes, size);
+    }
+    return copy;
 }
 
 OWNED_BYTES::~OWNED_BYTES() {

@@ -96,6 +96,8 @@ public:
     explicit OWNED_BYTES(std::size_t size, bool secret = false);
     // One that is about to be filled, with what is there.
     static OWNED_BYTES unfilled(std::size_t size, bool secret);
+    // A copy, even of no bytes.
+    static OWNED_BYTES copy_of(const unsigned char* bytes, std::size_t size, bool secret = false);
     ~OWNED_BYTES();
     OWNED_BYTES(OWNED_BYTES&& other) noexcept;
     OWNED_BYTES& operator=(OWNED_BYTES&& other) noexcept;

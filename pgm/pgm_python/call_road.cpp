@@ -172,9 +172,12 @@ bool CALL_ROAD::call_function(INTERPRETER_SESSION& session) {
     ARGUMENT_TUPLE& tuple = bridge.builds_arguments_first ? tuple_before : tuple_after;
     m_answer.made = true;
     m_surroundings.hear_of(m_answer.module, true);
+    const auto take_bytes = [this](const unsigned char* bytes, std::size_t size) {
+        return m_surroundings.take_bytes(bytes, size);
+    };
     PY_REFERENCE result = PY_REFERENCE::owned(tuple.call(function.get()));
-    const bool success =
-        result && take_answer(m_request.form, result.get(), tuple.filled_in(), m_answer);
+    const bool success = result && take_answer(m_request.form, result.get(), tuple.filled_in(),
+                                               take_bytes, m_answer);
     if (!bridge.keeps_result) {
         result.reset();
     }

@@ -10,6 +10,7 @@
 #ifndef PGM_PGM_PYTHON_CALL_ROAD_H
 #define PGM_PGM_PYTHON_CALL_ROAD_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,12 @@ public:
     // Hears how far the road has come: the module's name is known; the function is about to be
     // called.
     virtual void hear_of(const std::string& /*module*/, bool /*is_called*/) {}
+
+    // Takes the bytes of an answer, which are the script's until it returns, for as long as the
+    // answer lives. What it returns is the answer's.
+    virtual OWNED_BYTES take_bytes(const unsigned char* bytes, std::size_t size) {
+        return OWNED_BYTES::copy_of(bytes, size);
+    }
 
     // Ends the call of a late listener (complete_python_call).
     virtual void complete(bool success, const std::string& function, const std::string& file) = 0;

@@ -111,14 +111,6 @@ BYTES bytes_of_bytearray(PyObject* object) {
             static_cast<std::uint32_t>(PyByteArray_GET_SIZE(object))};
 }
 
-OWNED_BYTES copy_of(const BYTES& bytes, bool secret = false) {
-    OWNED_BYTES copy(bytes.size, secret);
-    if (bytes.size > 0) {
-        std::memcpy(copy.data(), bytes.data, bytes.size);
-    }
-    return copy;
-}
-
 bool take_chunks(const ANSWER_FORM& form, PyObject* result, ANSWER& answer) {
     if (PyList_Check(result) == 0) {
         return true;
@@ -141,7 +133,8 @@ bool take_chunks(const ANSWER_FORM& form, PyObject* result, ANSWER& answer) {
     return true;
 }
 
-bool take_items(const ANSWER_FORM& form, PyObject* result, ANSWER& answer) {
+bool take_items(const ANSWER_FORM& form, PyObject* result, const TAKE_BYTES& take_bytes,
+                ANSWER& answer) {
     require(PyList_Check(result) != 0 &&
                 PyList_GET_SIZE(result) == static_cast<Py_ssize_t>(form.item_count),
             form.check);
@@ -160,7 +153,8 @@ bool take_items(const ANSWER_FORM& form, PyObject* result, ANSWER& answer) {
         if (item.fails_the_call && !is_bytearray(object)) {
             return false;
         }
-        answer.bytes = copy_of(bytes_of_bytearray(object));
+        const BYTES bytes = bytes_of_bytearray(object);
+        answer.bytes = take_bytes(bytes.data, bytes.size);
     }
     for (const PY_REFERENCE& number : numbers) {
         if (number) {
@@ -174,7 +168,8 @@ bool take_filled_in(const ANSWER_FORM& form, PyObject* result, PyObject* filled_
                     ANSWER& answer) {
     require(PyBool_Check(result) != 0, form.check);
     require(result == Py_True, form.second_check);
-    answer.bytes = copy_of(bytes_of_bytearray(filled_in), true);
+    const BYTES bytes = bytes_of_bytearray(filled_in);
+    answer.bytes = OWNED_BYTES::copy_of(bytes.data, bytes.size, true);
     overwrite_bytearray(filled_in);
     return true;
 }
@@ -200,7 +195,8 @@ PyObject* make_object(const ARGUMENT& argument, INTERPRETER_SESSION& session) {
     return nullptr;
 }
 
-bool take_answer(const ANSWER_FORM& form, PyObject* result, PyObject* filled_in, ANSWER& answer) {
+bool take_answer(const ANSWER_FORM& form, PyObject* result, PyObject* filled_in,
+                 const TAKE_BYTES& take_bytes, ANSWER& answer) {
     switch (form.kind) {
         case ANSWER_FORM::KIND::ignored:
             return true;
@@ -213,13 +209,15 @@ bool take_answer(const ANSWER_FORM& form, PyObject* result, PyObject* filled_in,
         case ANSWER_FORM::KIND::number:
             answer.numbers.push_back(number_of_int(result));
             return true;
-        case ANSWER_FORM::KIND::bytes:
-            answer.bytes = copy_of(bytes_of_bytearray(result));
+        case ANSWER_FORM::KIND::bytes: {
+            const BYTES bytes = bytes_of_bytearray(result);
+            answer.bytes = take_bytes(bytes.data, bytes.size);
             return true;
+        }
         case ANSWER_FORM::KIND::chunks:
             return take_chunks(form, result, answer);
         case ANSWER_FORM::KIND::items:
-            return take_items(form, result, answer);
+            return take_items(form, result, take_bytes, answer);
         case ANSWER_FORM::KIND::filled_in:
             return take_filled_in(form, result, filled_in, answer);
     }

@@ -110,6 +110,8 @@ private:
                         m_answer.success = m_event.flag;
                     }
                     return m_event.type == m_last ? outcome : FRAME_OUTCOME::refused;
+                case FRAME_TYPE::answer_bytes:
+                    continue;
                 case FRAME_TYPE::taken:
                     m_taken = true;
                     continue;
@@ -209,6 +211,7 @@ ANSWER walk_road_in_worker(const CALL_REQUEST& request, ROAD_SURROUNDINGS& surro
     }
     ANSWER answer = call.taken_answer();
     answer.success = false;
+    answer.bytes = OWNED_BYTES();
     report_failed_call(request, answer);
     if (answer.module.empty()) {
         // The completion of an early bridge names it.

@@ -375,20 +375,35 @@ OWNED_BYTES read_bytes(const RECORD_READER& reader, std::size_t size, bool secre
     return bytes;
 }
 
-void take_answer(RECORD_READER& reader, const ANSWER_FORM& form, ANSWER& answer) {
+bool holds_bytes(const ANSWER_FORM& form) {
+    return form.kind == ANSWER_FORM::KIND::bytes || form.kind == ANSWER_FORM::KIND::items ||
+           form.kind == ANSWER_FORM::KIND::filled_in;
+}
+
+void take_answer_bytes(RECORD_READER& reader, const ANSWER_FORM& form, OWNED_BYTES& bytes) {
+    const std::size_t size = reader.block_size();
+    RECORD_READER::require_that(reader.left() == 0 && holds_bytes(form) &&
+                                form.kind != ANSWER_FORM::KIND::filled_in &&
+                                bytes.data() == nullptr);
+    bytes = read_bytes(reader, size, false);
+}
+
+// `before` is what has come of its bytes.
+void take_answer(RECORD_READER& reader, const ANSWER_FORM& form, OWNED_BYTES before,
+                 ANSWER& answer) {
     reader(answer.success, answer.made, answer.module, answer.text);
     const std::vector<std::uint32_t> numbers = reader.value<std::vector<std::uint32_t>>();
     answer.numbers.assign(numbers.begin(), numbers.end());
+    const bool came_before = reader.value<bool>();
     const bool are_bytes_there = reader.value<bool>();
     const std::size_t bytes_size = reader.block_size();
     const std::size_t chunks_size = reader.block_size();
-    const bool holds_bytes = form.kind == ANSWER_FORM::KIND::bytes ||
-                             form.kind == ANSWER_FORM::KIND::items ||
-                             form.kind == ANSWER_FORM::KIND::filled_in;
     RECORD_READER::require_that(
         reader.left() == 0 && (!answer.success || answer.numbers.size() == numbers_in(form)) &&
-        (holds_bytes || !are_bytes_there) && (are_bytes_there || bytes_size == 0) &&
+        came_before == (before.data() != nullptr) && !(came_before && are_bytes_there) &&
+        (holds_bytes(form) || !are_bytes_there) && (are_bytes_there || bytes_size == 0) &&
         (form.kind == ANSWER_FORM::KIND::chunks || chunks_size == 0));
+    answer.bytes = std::move(before);
     if (are_bytes_there) {
         answer.bytes = read_bytes(reader, bytes_size, form.kind == ANSWER_FORM::KIND::filled_in);
     }
@@ -552,12 +567,19 @@ bool write_event(FRAME_STREAM& stream, const WORKER_EVENT& event) {
     return writer.write(stream, event.type);
 }
 
-bool write_answer(FRAME_STREAM& stream, const ANSWER& answer) {
+bool write_answer_bytes(FRAME_STREAM& stream, const unsigned char* bytes, std::size_t size) {
+    RECORD_WRITER writer;
+    writer.add_block(bytes, size);
+    return writer.write(stream, FRAME_TYPE::answer_bytes);
+}
+
+bool write_answer(FRAME_STREAM& stream, const ANSWER& answer, bool bytes_were_sent) {
     RECORD_WRITER writer;
     writer(answer.success, answer.made, answer.module, answer.text);
     writer(std::vector<std::uint32_t>(answer.numbers.begin(), answer.numbers.end()));
-    writer(answer.bytes.data() != nullptr);
-    writer.add_block(answer.bytes.data(), answer.bytes.size());
+    writer(bytes_were_sent);
+    writer(!bytes_were_sent && answer.bytes.data() != nullptr);
+    writer.add_block(answer.bytes.data(), bytes_were_sent ? 0 : answer.bytes.size());
     writer.add_block(answer.chunks.data(), answer.chunks.size());
     return writer.write(stream, FRAME_TYPE::answer);
 }
@@ -586,8 +608,10 @@ FRAME_OUTCOME read_from_worker(FRAME_STREAM& stream, const ANSWER_FORM& form, WO
         RECORD_READER reader(stream, record);
         if (type == FRAME_TYPE::answer) {
             ANSWER taken;
-            take_answer(reader, form, taken);
+            take_answer(reader, form, std::move(answer.bytes), taken);
             answer = std::move(taken);
+        } else if (type == FRAME_TYPE::answer_bytes) {
+            take_answer_bytes(reader, form, answer.bytes);
         } else {
             take_event(reader, event);
         }

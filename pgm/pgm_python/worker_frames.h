@@ -65,6 +65,7 @@ enum class FRAME_TYPE : std::uint32_t {
     start_back_channel,  // start the late listener
     complete,            // end the call of the late listener: flag (success), text (the function),
                          // module (the file)
+    answer_bytes,        // the bytes of the answer that is to come; no reply
     answer,              // an ANSWER; no reply, the worker ends
     run_answer,          // flag (success); no reply, the worker ends
 };
@@ -108,7 +109,8 @@ private:
 bool write_call(FRAME_STREAM& stream, const CALL_REQUEST& request, const SUITE_FOLDERS& folders);
 bool write_run(FRAME_STREAM& stream, const RUN_REQUEST& request, const SUITE_FOLDERS& folders);
 bool write_event(FRAME_STREAM& stream, const WORKER_EVENT& event);
-bool write_answer(FRAME_STREAM& stream, const ANSWER& answer);
+bool write_answer_bytes(FRAME_STREAM& stream, const unsigned char* bytes, std::size_t size);
+bool write_answer(FRAME_STREAM& stream, const ANSWER& answer, bool bytes_were_sent = false);
 
 enum class FRAME_OUTCOME {
     whole,
@@ -120,9 +122,9 @@ enum class FRAME_OUTCOME {
 // frame is event.type in each case.
 FRAME_OUTCOME read_from_host(FRAME_STREAM& stream, WORKER_EVENT& event, RECEIVED_REQUEST& request);
 
-// Reads the worker's next frame: an answer, into `answer`, or another event. The bytes of an answer
-// to `form` that is a secret are overwritten wherever they go; an answer that does not have what
-// the form says is refused.
+// Reads the worker's next frame: an answer, into `answer`, or another event. Bytes that come before
+// their answer wait in `answer.bytes`. The bytes of an answer to `form` that is a secret are
+// overwritten wherever they go; an answer that does not have what the form says is refused.
 FRAME_OUTCOME read_from_worker(FRAME_STREAM& stream, const ANSWER_FORM& form, WORKER_EVENT& event,
                                ANSWER& answer);
 

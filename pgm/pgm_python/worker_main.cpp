@@ -1,5 +1,6 @@
 #include "pgm/pgm_python/worker_main.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
@@ -24,6 +25,12 @@ public:
 
     void tell(const WORKER_EVENT& event) {
         if (is_possible() && !write_event(m_host, event)) {
+            end_worker();
+        }
+    }
+
+    void tell_bytes(const unsigned char* bytes, std::size_t size) {
+        if (!write_answer_bytes(m_host, bytes, size)) {
             end_worker();
         }
     }
@@ -112,6 +119,20 @@ public:
         m_talk.tell(event);
     }
 
+    // Large ones go to the host from where they are: that is cheaper than to keep them until the
+    // interpreter has ended.
+    OWNED_BYTES take_bytes(const unsigned char* bytes, std::size_t size) override {
+        constexpr std::size_t large = std::size_t{1} << 20;
+        if (size < large || !m_talk.is_possible()) {
+            return ROAD_SURROUNDINGS::take_bytes(bytes, size);
+        }
+        m_talk.tell_bytes(bytes, size);
+        m_bytes_were_sent = true;
+        return OWNED_BYTES();
+    }
+
+    bool bytes_were_sent() const { return m_bytes_were_sent; }
+
     void complete(bool success, const std::string& function, const std::string& file) override {
         WORKER_EVENT event = event_of(FRAME_TYPE::complete);
         event.flag = success;
@@ -122,6 +143,7 @@ public:
 
 private:
     TALK& m_talk;
+    bool m_bytes_were_sent = false;
 };
 
 // Remembers an internal error, until there is a call that it can be told to.
@@ -162,7 +184,7 @@ void answer_request(TALK& talk, const RECEIVED_REQUEST& request) {
         const ANSWER answer = walk_road(*request.call(), surroundings);
         std::fflush(nullptr);
         if (talk.is_possible()) {
-            write_answer(talk.host(), answer);
+            write_answer(talk.host(), answer, surroundings.bytes_were_sent());
         }
         return;
     }

@@ -78,20 +78,34 @@ void check_frames_of_host(INPUT_STREAM& stream) {
 }
 
 void check_frames_of_worker(INPUT_STREAM& stream, const ANSWER_FORM& form) {
+    ANSWER answer;
+    bool bytes_were_sent = false;
     for (;;) {
         const std::size_t start = stream.at();
         WORKER_EVENT event;
-        ANSWER answer;
         if (read_from_worker(stream, form, event, answer) != FRAME_OUTCOME::whole) {
             return;
         }
         OUTPUT_STREAM again;
-        MUST_HOLD(event.type == FRAME_TYPE::answer ? write_answer(again, answer)
-                                                   : write_event(again, event));
-        MUST_HOLD(again.bytes == stream.taken_since(start));
-        if (event.type == FRAME_TYPE::answer && answer.success) {
-            MUST_HOLD(answer.numbers.size() == (form.kind == ANSWER_FORM::KIND::number ? 1U : 0U));
+        switch (event.type) {
+            case FRAME_TYPE::answer_bytes:
+                MUST_HOLD(form.kind == ANSWER_FORM::KIND::bytes && !bytes_were_sent);
+                bytes_were_sent = true;
+                MUST_HOLD(write_answer_bytes(again, answer.bytes.data(), answer.bytes.size()));
+                break;
+            case FRAME_TYPE::answer:
+                MUST_HOLD(!bytes_were_sent || answer.bytes.data() != nullptr);
+                MUST_HOLD(!answer.success ||
+                          answer.numbers.size() ==
+                              (form.kind == ANSWER_FORM::KIND::number ? 1U : 0U));
+                MUST_HOLD(write_answer(again, answer, bytes_were_sent));
+                answer = ANSWER();
+                bytes_were_sent = false;
+                break;
+            default:
+                MUST_HOLD(write_event(again, event));
         }
+        MUST_HOLD(again.bytes == stream.taken_since(start));
     }
 }
 
