@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <thread>
 
 #include "pgm/pgm_python/interpreter_session.h"
@@ -112,6 +113,10 @@ TEST_P(KeptChange, IsUndone) {
         ASSERT_TRUE(py_eval((std::string(change.imports) + "\n" + change.statements).c_str()));
     }
     EXPECT_EQ(seen(change.imports, change.look), before);
+    // In an interpreter's first call, too.
+    PGM_PYTHON_SETTINGS::end_kept_interpreter();
+    run(std::string(change.imports) + "\n" + change.statements);
+    EXPECT_EQ(seen(change.imports, change.look), before);
     // And it can be noticed where it is not undone.
     const INTERPRETER_SESSION session;
     ASSERT_TRUE(py_eval((std::string(change.imports) + "\n" + change.statements).c_str()));
@@ -156,6 +161,7 @@ INSTANTIATE_TEST_SUITE_P(
                "hasattr(builtins, 'extra'), print is None"},
         CHANGE{"MissingBuiltin", "del builtins.memoryview", "import builtins",
                "hasattr(builtins, 'memoryview')"},
+        CHANGE{"Annotations", "leftover: int = 1", "", "globals().get('__annotations__', {})"},
         CHANGE{"MainModule", "leftover = 1", "", "'leftover' in globals()"},
         CHANGE{"MainModulesPlace", "sys.modules['__main__'] = sys\n", "import sys",
                "sys.modules['__main__'] is sys"},
@@ -167,6 +173,14 @@ INSTANTIATE_TEST_SUITE_P(
                "signal.getsignal(signal.SIGTERM)"},
         CHANGE{"InterruptHandler", "signal.signal(signal.SIGINT, lambda *_: None)", "import signal",
                "signal.getsignal(signal.SIGINT)"},
+        CHANGE{"SignalDescriptor",
+               "import socket\nends = socket.socketpair()\nends[0].setblocking(False)\n"
+               "signal.set_wakeup_fd(ends[0].fileno())",
+               "import signal", "signal.set_wakeup_fd(-1)"},
+        CHANGE{"FaultHandler", "faulthandler.enable(open(os.devnull, 'w'))",
+               "import faulthandler, os", "faulthandler.is_enabled()"},
+        CHANGE{"StackSize", "threading.stack_size(1 << 20)", "import threading",
+               "threading.stack_size()"},
         CHANGE{"Environment", "os.environ['LEFT'] = 'x'\nos.environ.pop('PATH')", "import os",
                "os.environ.get('LEFT'), 'PATH' in os.environ"},
         CHANGE{"EnvironmentReplaced", "os.environ = {}", "import os", "type(os.environ)"},
@@ -186,10 +200,6 @@ INSTANTIATE_TEST_SUITE_P(
         CHANGE{"PathHook", "sys.path_hooks.clear()", "import sys", "len(sys.path_hooks)"},
         CHANGE{"ImportersCache", "sys.path_importer_cache['/x'] = None", "import sys",
                "'/x' in sys.path_importer_cache"},
-        CHANGE{"Module", "sys.modules['json'] = sys\n", "import sys, json",
-               "sys.modules['json'] is sys"},
-        CHANGE{"MissingModule", "del sys.modules['json']", "import sys, json",
-               "id(sys.modules['json'])"},
         CHANGE{"MadeModule", "sys.modules['made'] = type(sys)('made')", "import sys",
                "'made' in sys.modules"},
         CHANGE{"BlockedModule", "sys.modules['xmlrpc'] = None", "import sys",
@@ -201,6 +211,71 @@ INSTANTIATE_TEST_SUITE_P(
         CHANGE{"SocketTimeout", "_socket.setdefaulttimeout(3)", "import _socket",
                "_socket.getdefaulttimeout()"}),
     [](const testing::TestParamInfo<CHANGE>& change) { return std::string(change.param.name); });
+
+TEST_F(Kept, AModuleThatIsDeletedOrReplacedComesBack) {
+    const std::string before = seen("import sys, json", "id(sys.modules['json'])");
+    run("import sys\ndel sys.modules['json']");
+    EXPECT_EQ(seen("import sys, json", "id(sys.modules['json'])"), before);
+    run("import sys\nsys.modules['json'] = sys");
+    EXPECT_EQ(seen("import sys, json", "id(sys.modules['json'])"), before);
+}
+
+TEST_F(Kept, ATracebackThatIsDueLaterEndsNoHost) {
+    run("import faulthandler, os\n"
+        "faulthandler.dump_traceback_later(0.3, exit=True, file=open(os.devnull, 'w'))");
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+}
+
+TEST_F(Kept, MemoryIsTracedInTheCallThatAskedForItOnly) {
+    run("import tracemalloc\ntracemalloc.start()\nassert tracemalloc.is_tracing()");
+    EXPECT_EQ(seen("import tracemalloc", "tracemalloc.is_tracing()"), "False");
+}
+
+#if !defined(_WIN32)
+
+TEST_F(Kept, ASignalShowsNoTracebackAfterTheCallThatAskedForIt) {
+    run("import faulthandler, os, signal\n"
+        "faulthandler.register(signal.SIGUSR1, open(os.devnull, 'w'))");
+    EXPECT_EQ(seen("import faulthandler, signal", "faulthandler.unregister(signal.SIGUSR1)"),
+              "False");
+}
+
+TEST_F(Kept, TheTimeZoneIsTheEnvironments) {
+    const ENVIRONMENT_VALUE own("TZ", "AAA-1");
+    tzset();
+    const auto zone = [] { return seen("import time", "time.tzname[0], time.localtime(0)[3]"); };
+    EXPECT_EQ(zone(), "('AAA', 1)");
+    run("import os, time\nos.environ['TZ'] = 'BBB-2'\ntime.tzset()");
+    EXPECT_EQ(zone(), "('AAA', 1)");
+    run("import os, time\nos.environ['TZ'] = 'BBB-2'\ntime.tzset()\nos.environ['TZ'] = 'AAA-1'");
+    EXPECT_EQ(zone(), "('AAA', 1)");
+    {
+        const ENVIRONMENT_VALUE other("TZ", "CCC-3");
+        EXPECT_EQ(zone(), "('CCC', 3)");
+    }
+    EXPECT_EQ(zone(), "('AAA', 1)");
+}
+
+#endif
+
+#if PY_VERSION_HEX >= 0x030C0000
+
+TEST_F(Kept, ToolsThatMonitorAreTakenOut) {
+    const std::string tools = "[sys.monitoring.get_tool(number) for number in range(6)]";
+    const std::string none = seen("import sys", tools);
+    for (int round = 0; round < 2; ++round) {
+        run("import sys\n"
+            "monitoring = sys.monitoring\n"
+            "monitoring.use_tool_id(2, 'tool')\n"
+            "assert monitoring.get_events(2) == 0\n"
+            "started = monitoring.events.PY_START\n"
+            "assert monitoring.register_callback(2, started, print) is None\n"
+            "monitoring.set_events(2, started)\n");
+        EXPECT_EQ(seen("import sys", tools), none);
+    }
+}
+
+#endif
 
 TEST_F(Kept, TheLocaleIsTheSameInEverySession) {
     const char* const host = std::setlocale(LC_ALL, nullptr);
@@ -367,6 +442,23 @@ TEST_F(Kept, WhatACallMadeIsCollectedAtItsEnd) {
     }
 }
 
+TEST_F(Kept, WhatAContextVariableHoldsIsCollectedWithTheRest) {
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(written_by([] {
+                      run("import contextvars, sys\n"
+                          "class Left:\n"
+                          "    def __del__(self):\n"
+                          "        sys.stderr.write('finalised\\n')\n"
+                          "class Holder: pass\n"
+                          "def holds(): return left\n"
+                          "Holder.holds = holds\n"
+                          "left = Left()\n"
+                          "contextvars.ContextVar('variable').set(Holder())\n");
+                  }),
+                  "finalised\n");
+    }
+}
+
 TEST_F(Kept, AThrowingReportLeavesTheInterpreterInOrder) {
     const TEST_INSTALLATION installation;
     RECORDING_RECEIVER receiver;
@@ -415,6 +507,18 @@ public:
 TEST(HostsInterpreter, ModulesOfScriptsAreForgottenAndTheStandardLibrarysStay) {
     const HOST_INTERPRETER host;
     check_modules_of_scripts();
+}
+
+TEST(HostsInterpreter, TheDescriptorForSignalsStays) {
+    const HOST_INTERPRETER host;
+    ASSERT_TRUE(
+        py_eval("import signal, socket\n"
+                "ends = socket.socketpair()\n"
+                "ends[0].setblocking(False)\n"
+                "signal.set_wakeup_fd(ends[0].fileno())"));
+    run("");
+    run("import signal\nsignal.set_wakeup_fd(-1)");
+    EXPECT_EQ(text_of("signal.set_wakeup_fd(-1) == ends[0].fileno()"), "True");
 }
 
 TEST(HostsInterpreter, ASessionPutsBackWhatItFound) {

@@ -103,7 +103,17 @@ void SESSION_ORDER::search_path_is_set() {
 std::vector<std::string> SESSION_ORDER::end() noexcept {
     std::vector<std::string> failures;
     PyErr_Clear();
-    const PY_REFERENCE ended = call("end");
+    if (!call("end")) {
+        failures.push_back(taken_error());
+    }
+    // What the session's context variables hold is collected with the rest.
+    if (m_context) {
+        if (PyContext_Exit(m_context.get()) != 0) {
+            failures.push_back(taken_error());
+        }
+        m_context.reset();
+    }
+    const PY_REFERENCE ended = call("end_objects");
     if (!ended) {
         failures.push_back(taken_error());
     }
@@ -111,12 +121,6 @@ std::vector<std::string> SESSION_ORDER::end() noexcept {
         const char* const text = PyUnicode_AsUTF8(PyList_GET_ITEM(ended.get(), index));
         PyErr_Clear();
         failures.emplace_back(text == nullptr ? "a step without a text" : text);
-    }
-    if (m_context) {
-        if (PyContext_Exit(m_context.get()) != 0) {
-            failures.push_back(taken_error());
-        }
-        m_context.reset();
     }
     const PY_REFERENCE environment = environment_list();
     if (!environment || !call("put_back_environment", environment.get())) {

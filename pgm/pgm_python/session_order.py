@@ -176,14 +176,22 @@ def flush(name):
         pass
 
 
-def new_stream(name, number, like):
+def form_of(stream):
+    """What streams that are made like another need to know of it."""
+    return (isinstance(getattr(stream, "buffer", None), io.RawIOBase),
+            getattr(stream, "encoding", None) or "utf-8",
+            getattr(stream, "errors", None) or "strict")
+
+
+def new_stream(name, number, form):
     """A standard stream as Python makes it at its start."""
+    unbuffered, encoding, errors = form
     writes = number > 0
     try:
         os.fstat(number)
     except OSError:
         return None
-    unbuffered = writes and isinstance(getattr(like, "buffer", None), io.RawIOBase)
+    unbuffered = writes and unbuffered
     try:
         raw = binary = io.open(number, "wb" if writes else "rb", 0 if unbuffered else -1,
                                closefd=False)
@@ -193,11 +201,10 @@ def new_stream(name, number, like):
         raw = binary.raw
     raw.name = "<%s>" % name
     at_terminal = raw.isatty()
-    encoding = getattr(like, "encoding", None) or "utf-8"
     if type(raw).__name__ == "_WindowsConsoleIO":
         encoding = "utf-8"
     stream = io.TextIOWrapper(
-        binary, encoding, getattr(like, "errors", None) or "strict",
+        binary, encoding, errors,
         None if sys.platform == "win32" else "\n",
         at_terminal or unbuffered or (number == 2 and sys.version_info >= (3, 9)), unbuffered)
     stream.mode = "w" if writes else "r"
@@ -229,7 +236,27 @@ def new_main_module(names):
     main_names = main.__dict__
     main_names.clear()
     main_names.update(names)
+    if "__annotations__" in names:
+        main_names["__annotations__"] = {}
     return main
+
+
+MONITORING = getattr(sys, "monitoring", None)  # since Python 3.12
+
+
+def tools_that_monitor():
+    """The numbers of the tools that sys.monitoring has in use."""
+    if MONITORING is None:
+        return ()
+    return [number for number in range(6) if MONITORING.get_tool(number) is not None]
+
+
+def take_out_tool(number):
+    MONITORING.set_events(number, 0)
+    for event in vars(MONITORING.events).values():
+        if isinstance(event, int) and event:
+            MONITORING.register_callback(number, event, None)
+    MONITORING.free_tool_id(number)
 
 
 def environment_from(entries):
@@ -244,6 +271,17 @@ def environment_from(entries):
             value = value.decode("utf-8", "replace")
         names.setdefault(name, value)
     return names
+
+
+def time_zone():
+    """What Python takes for the process's time zone."""
+    names = names_of(MODULES.get("time"))
+    return [names.get(name) for name in ("timezone", "altzone", "daylight", "tzname")]
+
+
+def set_time_zone():
+    """Has the C library and Python look at TZ, where the platform can."""
+    names_of(MODULES.get("time")).get("tzset", bool)()
 
 
 class ORDER:
@@ -289,8 +327,8 @@ class ORDER:
             names_of(sys), ("modules", "path_importer_cache") +
             (("stdin", "stdout", "stderr", "__stdin__", "__stdout__", "__stderr__")
              if self.kept else ()))
-        self.streams = {name: getattr(sys, "__%s__" % name, None) for name, _ in STREAMS}
-        self.current = self.streams
+        self.current = {name: getattr(sys, "__%s__" % name, None) for name, _ in STREAMS}
+        self.stream_forms = {name: form_of(stream) for name, stream in self.current.items()}
         self.path_importer_cache = sys.path_importer_cache
         self.cached_paths = dict(sys.path_importer_cache)
         self.builtins_names = KEPT_NAMES(names_of(builtins))
@@ -299,6 +337,10 @@ class ORDER:
                                          ("_filters_version", "onceregistry"))
         self.recursion_limit = sys.getrecursionlimit()
         self.switch_interval = sys.getswitchinterval()
+        self.stack_size = _thread.stack_size()
+        self.tools = tools_that_monitor()
+        self.faults = self.shows_faults()
+        self.traces_memory = self.is_tracing_memory()
         self.trace = sys.gettrace()
         self.profile = sys.getprofile()
         self.async_generator_hooks = tuple(sys.get_asyncgen_hooks())
@@ -312,6 +354,7 @@ class ORDER:
                               for name in ("_trace_hook", "_profile_hook", "excepthook")
                               if name in names_of(threading)} if threading else {})
         self.signals = self.signal_handlers()
+        self.signal_descriptor = self.noted_signal_descriptor()
         self.logging = self.logging_state()
         self.decimal = self.decimal_state()
         self.zip_folders = frozenset(self.zip_cache())
@@ -334,6 +377,7 @@ class ORDER:
             self.freezes = gc.get_freeze_count() == 0
             if self.freezes:
                 gc.freeze()
+        self.time_zone = time_zone()
         MODULES["__main__"] = new_main_module(self.main_names)
         threading = MODULES.get("threading")
         self.threads = tuple(threading._active.values()) if threading else ()
@@ -344,11 +388,14 @@ class ORDER:
         names = environment_from(entries)
         data = self.environment_object._data
         if data != names:
+            zone = data.get(b"TZ")
             data.clear()
             data.update(names)
+            if names.get(b"TZ") != zone:
+                set_time_zone()
 
     def renew_streams(self):
-        self.current = {name: new_stream(name, number, self.streams[name])
+        self.current = {name: new_stream(name, number, self.stream_forms[name])
                         for name, number in STREAMS}
         for name, stream in self.current.items():
             for own_name in (name, "__%s__" % name):
@@ -390,23 +437,36 @@ class ORDER:
     # ---- its end
 
     def end(self):
-        """Puts everything in order but the environment; texts of what failed."""
-        for step in (self.stop_looking, self.note_added_folders, self.end_threads, self.run_exit_functions,
-                     self.flush_streams, self.put_back_sys, self.put_back_modules,
-                     self.put_back_library, self.put_back_signals, self.collect,
-                     self.flush_streams):
+        """Puts everything in order but the environment, and what only a collection frees.
+
+        That goes when the session's context variables hold nothing any more.
+        """
+        self.go_through(self.stop_looking, self.note_added_folders, self.end_threads,
+                        self.run_exit_functions, self.flush_streams, self.put_back_sys,
+                        self.put_back_modules, self.put_back_library, self.put_back_signals)
+
+    def end_objects(self):
+        """Collects what the session made; texts of what failed here and in end()."""
+        self.go_through(self.collect, self.flush_streams)
+        return self.failures
+
+    def go_through(self, *steps):
+        for step in steps:
             try:
                 step()
             except BaseException as failure:
                 self.failures.append("%s: %s: %s" % (step.__name__, type(failure).__name__,
                                                      failure))
-        return self.failures
 
     def stop_looking(self):
         sys.settrace(self.trace)
         sys.setprofile(self.profile)
         sys.setrecursionlimit(self.recursion_limit)
         sys.setswitchinterval(self.switch_interval)
+        _thread.stack_size(self.stack_size)
+        for number in tools_that_monitor():
+            if number not in self.tools:
+                take_out_tool(number)
 
     def end_threads(self):
         threading = MODULES.get("threading") if not self.kept else self.modules["threading"]
@@ -604,6 +664,9 @@ class ORDER:
             forget()
         self.put_back_logging()
         self.put_back_decimal()
+        self.put_back_fault_handler()
+        if self.is_tracing_memory() and not self.traces_memory:
+            MODULES["_tracemalloc"].stop()
         if self.kept:
             sockets = MODULES.get("_socket")
             if sockets is not None:
@@ -611,6 +674,31 @@ class ORDER:
             events = names_of(MODULES.get("asyncio.events"))
             if events.get("_event_loop_policy") is not None:
                 events["_event_loop_policy"] = None
+
+    def shows_faults(self):
+        faults = MODULES.get("faulthandler")
+        return faults is not None and faults.is_enabled()
+
+    def put_back_fault_handler(self):
+        faults = MODULES.get("faulthandler")
+        if faults is None:
+            return
+        if not self.faults:
+            faults.disable()
+        if not self.kept and "faulthandler" in self.modules:
+            return  # what is due later may be the host's
+        faults.cancel_dump_traceback_later()
+        unregister = getattr(faults, "unregister", None)
+        if unregister is not None:
+            for number in range(1, 65):
+                try:
+                    unregister(number)
+                except (RuntimeError, ValueError):
+                    pass  # one of those that enable() is for, or none at all
+
+    def is_tracing_memory(self):
+        tracer = MODULES.get("_tracemalloc")
+        return tracer is not None and tracer.is_tracing()
 
     def decimal_state(self):
         decimal = MODULES.get("decimal")
@@ -685,6 +773,27 @@ class ORDER:
                 pass
         return handlers
 
+    def noted_signal_descriptor(self):
+        """The descriptor that Python writes signals to; -1 where there is none."""
+        signals = MODULES.get("_signal")
+        if signals is None:
+            return -1
+        mask = getattr(signals, "pthread_sigmask", None)
+        if mask is not None:
+            # It can only be read by taking it away: meanwhile none may come.
+            every = getattr(signals, "valid_signals", lambda: range(1, 32))()
+            blocked = mask(signals.SIG_BLOCK, every)
+        try:
+            descriptor = signals.set_wakeup_fd(-1)
+            if descriptor != -1:
+                signals.set_wakeup_fd(descriptor)
+            return descriptor
+        except (OSError, ValueError):
+            return -1  # not the main thread, or closed
+        finally:
+            if mask is not None:
+                mask(signals.SIG_SETMASK, blocked)
+
     def put_back_signals(self):
         """What Python believes; how the process handles signals is put back by the library."""
         now = self.signal_handlers()
@@ -692,9 +801,12 @@ class ORDER:
             return
         signals = MODULES["_signal"]
         try:
-            signals.set_wakeup_fd(-1)
-        except ValueError:
-            return  # not the main thread, where nothing can have been set
+            signals.set_wakeup_fd(self.signal_descriptor)
+        except (OSError, ValueError):
+            try:
+                signals.set_wakeup_fd(-1)
+            except ValueError:
+                return  # not the main thread, where nothing can have been set
         for number, handler in now.items():
             if self.signals is not None:
                 before = self.signals.get(number)
@@ -737,6 +849,8 @@ class ORDER:
             for name, value in before.items():
                 if now.get(name) != value:
                     put_in_process(name, value)
+        if before.get(b"TZ") != now.get(b"TZ") or self.time_zone != time_zone():
+            set_time_zone()
         data = self.environment_object._data
         wanted = before if self.kept else self.environment
         if data != wanted:
