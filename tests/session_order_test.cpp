@@ -359,6 +359,36 @@ TEST_F(Kept, ModulesOfScriptsAreForgottenAndTheStandardLibrarysStay) {
     check_modules_of_scripts();
 }
 
+TEST_F(Kept, FindersOfPackagesThatStayStayToo) {
+    const TEMPORARY_FOLDER packages;
+    packages.write("lazy.py",
+                   "import sys\n"
+                   "from importlib.machinery import ModuleSpec\n"
+                   "class Finder:\n"
+                   "    def find_spec(self, name, path=None, target=None):\n"
+                   "        return ModuleSpec(name, self) if name == 'lazy.found' else None\n"
+                   "    def create_module(self, spec): return None\n"
+                   "    def exec_module(self, module): pass\n"
+                   "def hook(path): raise ImportError(path)\n"
+                   "__path__ = []\n"
+                   "sys.meta_path.append(Finder())\n"
+                   "sys.path_hooks.insert(0, hook)\n");
+    const ENVIRONMENT_VALUE path("PYTHONPATH", packages.path().c_str());
+    const char* const others =
+        "import sys\n"
+        "class Other: find_spec = lambda *_: None\n"
+        "sys.meta_path[:0] = [Other(), Other]\n"
+        "sys.path_hooks.append(sys.path_hooks[-1])\n";
+    const std::string finders =
+        "[getattr(finder, '__name__', type(finder).__name__) for finder in sys.meta_path]";
+    const std::string hooks = "[hook.__name__ for hook in sys.path_hooks]";
+    const std::string after = seen("import sys", finders + " + ['Finder'], ['hook'] + " + hooks);
+    run(std::string(others) + "import lazy");
+    EXPECT_EQ(seen("import lazy, lazy.found, sys", finders + ", " + hooks), after);
+    run(others);
+    EXPECT_EQ(seen("import sys", finders + ", " + hooks), after);
+}
+
 // ---- the end of a session
 
 TEST_F(Kept, ExitFunctionsRunAtTheEndOfTheCallThatMadeThem) {
@@ -382,6 +412,36 @@ TEST_F(Kept, ExitFunctionsRunAtTheEndOfTheCallThatMadeThem) {
         << failed;
     EXPECT_EQ(written("pass"), "");
     EXPECT_EQ(written_by([] { PGM_PYTHON_SETTINGS::end_kept_interpreter(); }), "");
+}
+
+TEST_F(Kept, PackagesThatStayAreShutDownWithTheInterpreter) {
+    const TEMPORARY_FOLDER packages;
+    const std::string at_end =
+        "import atexit, os\n"
+        "def at_end(name):\n"
+        "    return os.write, 2, (name + ' ended\\n').encode()\n";
+    packages.write("at_end.py", at_end);
+    // What an extension registers while it starts has the frame of the import system as caller.
+    packages.write("native.py",
+                   "import atexit, at_end, importlib._bootstrap as system\n"
+                   "system._call_with_frames_removed(atexit.register, *at_end.at_end('native'))\n");
+    packages.write("helped/__init__.py", "from . import helper\nhelper.start('helped')\n");
+    packages.write("helped/helper.py",
+                   "import atexit, at_end\n"
+                   "def start(name): atexit.register(*at_end.at_end(name))\n");
+    packages.write("caller.py", "import of_script\n");
+    const TEMPORARY_FOLDER scripts;
+    scripts.write("of_script.py", "import helped.helper\nhelped.helper.start('of_script')\n");
+    const ENVIRONMENT_VALUE path("PYTHONPATH", packages.path().c_str());
+    EXPECT_EQ(written_by([] { run("import native, helped\nhelped.helper.start('script')\n"); }),
+              "script ended\n");
+    EXPECT_EQ(written_by([&] {
+                  run("import sys\nsys.path.insert(0, r'" + scripts.path() +
+                      "')\nimport native, helped, caller\n");
+              }),
+              "of_script ended\n");
+    EXPECT_EQ(written_by([] { PGM_PYTHON_SETTINGS::end_kept_interpreter(); }),
+              "helped ended\nnative ended\n");
 }
 
 TEST_F(Kept, ModulesThatStayEndTheirWorkInEverySession) {

@@ -59,6 +59,14 @@ class KEPT_NAMES:
         self.contents = [(value, type(value)(value)) for name, value in names.items()
                          if type(value) in (list, dict) and name not in self.without]
 
+    def content_of(self, name):
+        """What a list of these names is to hold."""
+        noted = self.values.get(name)
+        for value, content in self.contents:
+            if value is noted:
+                return content
+        return []
+
     def put_back(self):
         if not same_names(self.names, self.values):
             self.put_back_names()
@@ -89,7 +97,7 @@ def same_names(names, others):
 class EXITS:
     """Stands for the functions of atexit: what is registered belongs to a session."""
 
-    def __init__(self):
+    def __init__(self, is_importing):
         self.entries = []
         self.own = {name: getattr(atexit, name)
                     for name in ("register", "unregister", "_clear", "_run_exitfuncs",
@@ -99,9 +107,8 @@ class EXITS:
             """Registers a function that is called when the session ends."""
             if not callable(func):
                 raise TypeError("the first argument must be callable")
-            owner = sys_getframe(1).f_globals
-            while_imported = getattr(owner.get("__spec__"), "_initializing", False)
-            self.entries.append((func, args, kwargs, owner, while_imported))
+            caller = sys_getframe(1)
+            self.entries.append((func, args, kwargs, caller.f_globals, is_importing(caller)))
             return func
 
         def unregister(func):
@@ -292,7 +299,7 @@ class ORDER:
 
     def __init__(self, kept):
         self.kept = kept
-        self.exits = EXITS()
+        self.exits = EXITS(self.is_importing)
         self.failures = []
         self.environment_object = os.environ
         self.environment_bytes = getattr(os, "environb", None)
@@ -442,8 +449,9 @@ class ORDER:
         That goes when the session's context variables hold nothing any more.
         """
         self.go_through(self.stop_looking, self.note_added_folders, self.end_threads,
-                        self.run_exit_functions, self.flush_streams, self.put_back_sys,
-                        self.put_back_modules, self.put_back_library, self.put_back_signals)
+                        self.run_exit_functions, self.flush_streams, self.keep_finders,
+                        self.put_back_sys, self.put_back_modules, self.put_back_library,
+                        self.put_back_signals)
 
     def end_objects(self):
         """Collects what the session made; texts of what failed here and in end()."""
@@ -504,11 +512,7 @@ class ORDER:
         again = []
         for entry in list(atexit_entries):
             owner = entry[3]
-            module = MODULES.get(owner.get("__name__"))
-            if module is None or names_of(module) is not owner or not self.stays(
-                    owner["__name__"], module):
-                continue
-            if owner["__name__"] in ENDED_EACH_TIME:
+            if owner.get("__name__") in ENDED_EACH_TIME and self.is_of_module_that_stays(owner):
                 (again if self.kept else later).append(entry)
             elif entry[4]:
                 later.append(entry)
@@ -528,6 +532,30 @@ class ORDER:
         finalize = names_of(MODULES.get("weakref")).get("finalize")
         if finalize is not None:
             finalize._shutdown = False
+
+    def is_of_module_that_stays(self, names):
+        name = names.get("__name__")
+        module = MODULES.get(name) if isinstance(name, str) else None
+        return (module is not None and names_of(module) is names and self.stays(name, module))
+
+    def is_importing(self, frame):
+        """Whether a frame is at work for the import of a module that stays, and for no script."""
+        self.note_added_folders()
+        while frame is not None:
+            names = frame.f_globals
+            if any(names is names_of(MODULES.get(name))
+                   for name in ("_frozen_importlib", "_frozen_importlib_external")):
+                # The innermost module that is being imported counts.
+                spec = frame.f_locals.get("spec")
+                name = getattr(spec, "name", None)
+                if name in MODULES:
+                    return self.stays(name, MODULES[name])
+                if spec is not None:
+                    return self.is_of_base(getattr(spec, "origin", None))
+            elif not self.is_of_module_that_stays(names):
+                return False
+            frame = frame.f_back
+        return False
 
     def flush_streams(self):
         flush("stdout")
@@ -554,6 +582,20 @@ class ORDER:
             sys.set_int_max_str_digits(self.digits)
         self.builtins_names.put_back()
         self.os_names.put_back()
+
+    def keep_finders(self):
+        """Notes new finders of packages that stay, which will not add them again."""
+        for name in ("meta_path", "path_hooks"):
+            noted = self.sys_names.content_of(name)
+            found = getattr(sys, name, None)
+            if type(found) is not list or found == noted:
+                continue
+            for index, finder in enumerate(found):
+                home = getattr(finder, "__module__", None)
+                if (isinstance(home, str) and home not in self.always_loaded and
+                        home in MODULES and self.stays(home, MODULES[home]) and
+                        not any(finder is other for other in noted)):
+                    noted.insert(index, finder)
 
     def is_base(self, path):
         folder = folder_of(path)
@@ -600,11 +642,7 @@ class ORDER:
 
     def note_added_folders(self):
         """Notes the folders that stand on the path beside those that were there."""
-        before = list(self.sys_names.values.get("path", ()))
-        for value, content in self.sys_names.contents:
-            if value is self.sys_names.values.get("path"):
-                before = list(content)
-        left = list(before)
+        left = list(self.sys_names.content_of("path"))
         added = set()
         for path in list(sys.path) if isinstance(sys.path, (list, tuple)) else ():
             if path in left:
