@@ -554,6 +554,66 @@ TEST_F(Kept, AThousandCallsOfOneQueryGrowByAtMostAKibibyteEach) {
     EXPECT_LE(resident_memory() - before, calls * 1024LL);
 }
 
+TEST_F(Kept, TypesOfForeignFunctionsAreForgottenWithTheirScripts) {
+    const std::string script =
+        "import ctypes\n"
+        "class Record(ctypes.Structure): _fields_ = [('field', ctypes.c_int)]\n"
+        "Pointers = ctypes.POINTER(ctypes.POINTER(Record) * 3)\n"
+        "Function = ctypes.CFUNCTYPE(None, ctypes.POINTER(Record))\n"
+        "Other = ctypes.CFUNCTYPE(ctypes.c_int, Function)\n"
+        "own = ctypes.POINTER(ctypes.c_double)\n"
+        "ballast = b'x' * 10000\n";
+    const char* const own = "id(ctypes.POINTER(ctypes.c_double))";
+    run(script);
+    const std::string before = seen("import ctypes", own);
+    constexpr int calls = 500;
+    for (int round = 0; round < calls; ++round) {
+        run(script);
+    }
+    const long long memory = resident_memory();
+    for (int round = 0; round < calls; ++round) {
+        run(script);
+    }
+    EXPECT_EQ(seen("import ctypes", own), before);
+    if (memory < 0) {
+        GTEST_SKIP() << "the platform does not tell the memory in use";
+    }
+    EXPECT_LE(resident_memory() - memory, calls * 1024LL);
+}
+
+TEST_F(Kept, LoggersOfScriptsAreForgottenAndThoseOfPackagesStay) {
+    const TEMPORARY_FOLDER packages;
+    packages.write("talkative.py",
+                   "import logging\n"
+                   "first = logging.getLogger('ODD.first')\n"
+                   "second = logging.getLogger('by.script.second')\n");
+    const ENVIRONMENT_VALUE path("PYTHONPATH", packages.path().c_str());
+    run("import logging\n"
+        "logging.getLogger('by.script').setLevel(10)\n"
+        "import talkative\n"
+        "logging.getLogger('ODD').setLevel(10)\n"
+        "logging.getLogger('ODD.first.below')\n"
+        "assert talkative.first.parent.name == 'ODD'\n");
+    const std::string look =
+        "sorted(logging.root.manager.loggerDict), "
+        "logging.getLogger('ODD.first') is talkative.first, "
+        "logging.getLogger('by.script.second') is talkative.second, "
+        "logging.getLogger('by.script') is talkative.second.parent, "
+        "talkative.first.parent is logging.root, talkative.first.getEffectiveLevel(), "
+        "talkative.second.getEffectiveLevel()";
+    const std::string there = "import logging\nimport talkative";
+    const std::string before = seen(there, look);
+    EXPECT_NE(before.find("True, True, True, True, 30, 30"), std::string::npos) << before;
+    EXPECT_EQ(before.find("below"), std::string::npos) << before;
+    for (int round = 0; round < 3; ++round) {
+        run("import logging\n"
+            "for number in range(100):\n"
+            "    logging.getLogger('job.' + str(number)).setLevel(10)\n"
+            "logging.getLogger('ODD').setLevel(10)\n");
+        EXPECT_EQ(seen(there, look), before);
+    }
+}
+
 // ---- an interpreter of the host's own
 
 class HOST_INTERPRETER {

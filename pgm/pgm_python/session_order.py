@@ -11,6 +11,7 @@ import sys
 NAMES_AT_START = frozenset(sys.modules)
 
 import _thread
+import _weakref
 import atexit
 import builtins
 import gc
@@ -363,6 +364,9 @@ class ORDER:
         self.signals = self.signal_handlers()
         self.signal_descriptor = self.noted_signal_descriptor()
         self.logging = self.logging_state()
+        self.loggers = dict(self.all_loggers())
+        self.foreign_types = {name: frozenset(types)
+                              for name, types in self.caches_of_foreign_types()}
         self.decimal = self.decimal_state()
         self.zip_folders = frozenset(self.zip_cache())
 
@@ -455,7 +459,7 @@ class ORDER:
 
     def end_objects(self):
         """Collects what the session made; texts of what failed here and in end()."""
-        self.go_through(self.collect, self.flush_streams)
+        self.go_through(self.collect, self.take_in_loggers, self.flush_streams)
         return self.failures
 
     def go_through(self, *steps):
@@ -701,6 +705,7 @@ class ORDER:
         for forget in names_of(MODULES.get("typing")).get("_cleanups", ()):
             forget()
         self.put_back_logging()
+        self.put_back_foreign_types()
         self.put_back_decimal()
         self.put_back_fault_handler()
         if self.is_tracing_memory() and not self.traces_memory:
@@ -783,12 +788,14 @@ class ORDER:
         if self.kept:
             for handler in list(root.handlers):
                 handler.close()
+            with logging._lock:
+                self.take_out_loggers()
             for logger in list(root.manager.loggerDict.values()):
                 if isinstance(logger, logging.Logger):
                     logger.handlers[:] = [handler for handler in logger.handlers
                                           if type(handler) is logging.NullHandler]
                     logger.filters[:] = []
-                    logger.setLevel(logging.NOTSET)
+                    logger.level = logging.NOTSET  # what is cached of it goes with the root's
                     logger.propagate = True
                     logger.disabled = False
         root.handlers[:], root.filters[:] = state[0], state[1]
@@ -796,6 +803,93 @@ class ORDER:
         logging.disable(state[3])
         logging.setLoggerClass(state[4])
         logging.raiseExceptions = state[5]
+
+    def all_loggers(self):
+        root = names_of(MODULES.get("logging")).get("root")
+        return {} if root is None else root.manager.loggerDict
+
+    loggers_taken_out = ()
+
+    def take_out_loggers(self):
+        """Takes out loggers that came and bear the name of no module that stays.
+
+        What still holds one after the collection is a module that stays.
+        """
+        loggers = self.all_loggers()
+        if loggers == self.loggers:
+            return
+        logging = MODULES["logging"]
+        root = logging.root
+        came = {name: logger for name, logger in loggers.items()
+                if self.loggers.get(name) is not logger and
+                name.partition(".")[0] not in self.modules}
+        gone = frozenset(map(id, came.values()))
+        orphans = []
+        for name in came:
+            del loggers[name]
+        for logger in loggers.values():
+            if isinstance(logger, logging.PlaceHolder):
+                for child in [child for child in logger.loggerMap if id(child) in gone]:
+                    del logger.loggerMap[child]
+            elif id(logger.parent) in gone:
+                orphans.append(logger)
+        for logger in orphans:
+            root.manager._fixupParents(logger)
+        self.loggers_taken_out = []
+        for name, logger in came.items():
+            if not isinstance(logger, logging.PlaceHolder):
+                logger.parent = root
+                self.loggers_taken_out.append((name, _weakref.ref(logger)))
+
+    def take_in_loggers(self):
+        loggers = self.all_loggers()
+        if loggers == self.loggers and not self.loggers_taken_out:
+            return
+        manager = MODULES["logging"].root.manager
+        for name, reference in self.loggers_taken_out:
+            logger = reference()
+            if logger is None:
+                continue
+            place = loggers.get(name)
+            loggers[name] = logger
+            if isinstance(place, MODULES["logging"].PlaceHolder):
+                manager._fixupChildren(place, logger)
+            manager._fixupParents(logger)
+        self.loggers_taken_out = ()
+        self.loggers = dict(loggers)
+
+    # ---- foreign functions
+
+    def caches_of_foreign_types(self):
+        names = names_of(MODULES.get("ctypes"))
+        return [(name, names[name]) for name in
+                ("_pointer_type_cache", "_c_functype_cache", "_win_functype_cache")
+                if name in names]
+
+    def put_back_foreign_types(self):
+        """Forgets types that are made of a script's own."""
+        for name, types in self.caches_of_foreign_types():
+            before = self.foreign_types.get(name, ())
+            if len(types) == len(before):
+                continue
+            for key in [key for key in types if key not in before]:
+                if self.is_of_script(key):
+                    del types[key]
+            self.foreign_types[name] = frozenset(types)
+
+    def is_of_script(self, part):
+        """Whether a foreign type, or a tuple of such, is made of a class that does not stay."""
+        if isinstance(part, tuple):
+            return any(map(self.is_of_script, part))
+        if not isinstance(part, type):
+            return False
+        item = getattr(part, "_type_", None)
+        if isinstance(item, type):
+            return self.is_of_script(item)  # a pointer or an array
+        home = part.__module__
+        return (home not in MODULES or not self.stays(home, MODULES[home]) or
+                self.is_of_script(getattr(part, "_restype_", None)) or
+                self.is_of_script(getattr(part, "_argtypes_", None)))
 
     # ---- signals
 
