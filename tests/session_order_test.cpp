@@ -641,6 +641,57 @@ TEST(HostsInterpreter, TheDescriptorForSignalsStays) {
     EXPECT_EQ(text_of("signal.set_wakeup_fd(-1) == ends[0].fileno()"), "True");
 }
 
+// What another thread of the host does while a session runs, which is none of the session's.
+void check_other_threads_of_the_host(const std::string& imports) {
+    const HOST_INTERPRETER host;
+    ASSERT_TRUE(py_eval(
+        (imports + "import atexit, sys, types, _thread\n"
+                   "host = sys.host = types.SimpleNamespace(log=[])\n"
+                   "for name in ('go', 'done', 'end'):\n"
+                   "    setattr(host, name, _thread.allocate_lock())\n"
+                   "    getattr(host, name).acquire()\n"
+                   "def work():\n"
+                   "    host.go.acquire()\n"
+                   "    import threading\n"
+                   "    host.thread = threading.Thread(target=host.end.acquire, args=(True, 3),\n"
+                   "                                   daemon=False)\n"
+                   "    host.thread.start()\n"
+                   "    atexit.register(host.log.append, 'exit of the host')\n"
+                   "    host.done.release()\n"
+                   "starter, registrations = _thread.start_new_thread, atexit._ncallbacks()\n")
+            .c_str()));
+    ASSERT_TRUE(py_eval("_thread.start_new_thread(work, ())"));
+    run("import atexit, sys, threading, time\n"
+        "log = sys.host.log\n"
+        "sys.host.go.release()\n"
+        "sys.host.done.acquire()\n"
+        "def inner():\n"
+        "    time.sleep(0.2)\n"
+        "    log.append('thread of a thread')\n"
+        "def outer():\n"
+        "    atexit.register(log.append, 'exit of a thread')\n"
+        "    threading.Thread(target=inner).start()\n"
+        "atexit.register(log.append, 'exit of the script')\n"
+        "threading.Thread(target=outer).start()\n");
+    EXPECT_EQ(text_of("host.log"),
+              "['thread of a thread', 'exit of a thread', 'exit of the script']");
+    EXPECT_EQ(text_of("host.thread.is_alive()"), "True");
+    EXPECT_EQ(text_of("atexit._ncallbacks() - registrations > 0"), "True");
+    EXPECT_EQ(text_of("_thread.start_new_thread is starter"), "True");
+    EXPECT_EQ(text_of("[name for name, value in vars(sys.modules['threading']).items()"
+                      " if 'start_' in name and type(value) is not type(len)]"),
+              "[]");
+    ASSERT_TRUE(py_eval("host.end.release()\nhost.thread.join()"));
+}
+
+TEST(HostsInterpreter, WhatItsOtherThreadsDoIsTheHosts) {
+    check_other_threads_of_the_host("import threading\n");
+}
+
+TEST(HostsInterpreter, WhatItsOtherThreadsDoIsTheHostsWhereAScriptImportsThreading) {
+    check_other_threads_of_the_host("");
+}
+
 TEST(HostsInterpreter, ASessionPutsBackWhatItFound) {
     const TEST_INSTALLATION installation;
     const std::string script = installation.common_script("python/bits.py", "name = 'script'\n");

@@ -98,7 +98,7 @@ def same_names(names, others):
 class EXITS:
     """Stands for the functions of atexit: what is registered belongs to a session."""
 
-    def __init__(self, is_importing):
+    def __init__(self, order):
         self.entries = []
         self.own = {name: getattr(atexit, name)
                     for name in ("register", "unregister", "_clear", "_run_exitfuncs",
@@ -108,8 +108,11 @@ class EXITS:
             """Registers a function that is called when the session ends."""
             if not callable(func):
                 raise TypeError("the first argument must be callable")
+            if not order.is_own_thread():
+                return self.own["register"](func, *args, **kwargs)
             caller = sys_getframe(1)
-            self.entries.append((func, args, kwargs, caller.f_globals, is_importing(caller)))
+            self.entries.append((func, args, kwargs, caller.f_globals,
+                                 order.is_importing(caller)))
             return func
 
         def unregister(func):
@@ -300,7 +303,7 @@ class ORDER:
 
     def __init__(self, kept):
         self.kept = kept
-        self.exits = EXITS(self.is_importing)
+        self.exits = EXITS(self)
         self.failures = []
         self.environment_object = os.environ
         self.environment_bytes = getattr(os, "environb", None)
@@ -308,6 +311,9 @@ class ORDER:
         self.hidden = {}
         self.entries = ()
         self.threads = ()
+        self.thread = None
+        self.own_threads = []
+        self.starters = {}
         self.main_module = None
         if kept:
             # The calling thread becomes the main one for both.
@@ -392,6 +398,8 @@ class ORDER:
         MODULES["__main__"] = new_main_module(self.main_names)
         threading = MODULES.get("threading")
         self.threads = tuple(threading._active.values()) if threading else ()
+        if not self.kept:
+            self.watch_threads()
         self.exits.begin()
         self.first = False
 
@@ -453,9 +461,9 @@ class ORDER:
         That goes when the session's context variables hold nothing any more.
         """
         self.go_through(self.stop_looking, self.note_added_folders, self.end_threads,
-                        self.run_exit_functions, self.flush_streams, self.keep_finders,
-                        self.put_back_sys, self.put_back_modules, self.put_back_library,
-                        self.put_back_signals)
+                        self.run_exit_functions, self.stop_watching_threads, self.flush_streams,
+                        self.keep_finders, self.put_back_sys, self.put_back_modules,
+                        self.put_back_library, self.put_back_signals)
 
     def end_objects(self):
         """Collects what the session made; texts of what failed here and in end()."""
@@ -480,6 +488,44 @@ class ORDER:
             if number not in self.tools:
                 take_out_tool(number)
 
+    # A host's other threads may start some meanwhile, which are none of the session's.
+
+    def watch_threads(self):
+        self.thread = _thread.get_ident()
+        threading = names_of(MODULES.get("threading"))
+        for name in ("start_new_thread", "start_joinable_thread"):  # the second since Python 3.13
+            if name in names_of(_thread):
+                starter = names_of(_thread)[name]
+                self.starters[name] = starter
+                names_of(_thread)[name] = self.watched(starter)
+                if "_" + name in threading:
+                    threading["_" + name] = names_of(_thread)[name]
+
+    def watched(self, starter):
+        def start(function, *args, **kwargs):
+            thread = getattr(function, "__self__", None)
+            if thread is not None and self.is_own_thread():
+                self.own_threads.append(thread)
+            return starter(function, *args, **kwargs)
+        return start
+
+    def is_own_thread(self):
+        """Whether what the calling thread does is the session's doing."""
+        me = _thread.get_ident()
+        if self.kept or me == self.thread:
+            return True
+        current = names_of(MODULES.get("threading")).get("_active", {}).get(me)
+        return any(current is thread for thread in self.own_threads)
+
+    def stop_watching_threads(self):
+        threading = names_of(MODULES.get("threading"))
+        for name, starter in self.starters.items():
+            names_of(_thread)[name] = starter
+            if "_" + name in threading:
+                threading["_" + name] = starter
+        self.thread = None
+        self.own_threads.clear()
+
     def end_threads(self):
         threading = MODULES.get("threading") if not self.kept else self.modules["threading"]
         if threading is None:
@@ -493,9 +539,9 @@ class ORDER:
         while True:
             left = [thread for thread in list(threading._active.values())
                     if not thread.daemon and thread.ident != me and
-                    not any(thread is found for found in self.threads) and
                     thread is not threading._main_thread and
-                    (self.kept or thread not in queues)]
+                    (not any(thread is found for found in self.threads) if self.kept else
+                     any(thread is own for own in self.own_threads) and thread not in queues)]
             if not left:
                 break
             for thread in left:
