@@ -629,6 +629,16 @@ TEST(HostsInterpreter, ModulesOfScriptsAreForgottenAndTheStandardLibrarysStay) {
     check_modules_of_scripts();
 }
 
+TEST(HostsInterpreter, InterpretersMayFollowOneAnother) {
+    for (int round = 0; round < 3; ++round) {
+        const HOST_INTERPRETER host;
+        for (int session = 0; session < 3; ++session) {
+            run("import sys\nsys.path.append('/left')");
+            EXPECT_EQ(text_of("'/left' in __import__('sys').path"), "False");
+        }
+    }
+}
+
 TEST(HostsInterpreter, TheDescriptorForSignalsStays) {
     const HOST_INTERPRETER host;
     ASSERT_TRUE(

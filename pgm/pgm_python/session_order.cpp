@@ -1,5 +1,7 @@
 #include "pgm/pgm_python/session_order.h"
 
+#include <marshal.h>
+
 #include "pgm/pgm_common/environment.h"
 #include "pgm/pgm_python/messages.h"
 #include "pgm/pgm_python/pgm_python_mgr.h"
@@ -21,11 +23,30 @@ void require_or_print(bool condition, const CHECK& check) {
     }
 }
 
+// The compiled text of session_order.py; null with an exception pending when that fails. Compiling
+// takes longer than a session, so that it is done once in a process, whatever interpreters follow.
+PY_REFERENCE order_code() {
+    static std::string& compiled = *new std::string;  // never destroyed, as sessions may run late
+    if (!compiled.empty()) {
+        return PY_REFERENCE::owned(PyMarshal_ReadObjectFromString(
+            compiled.data(), static_cast<Py_ssize_t>(compiled.size())));
+    }
+    PY_REFERENCE code = PY_REFERENCE::owned(
+        Py_CompileString(session_order_source, "session_order.py", Py_file_input));
+    const PY_REFERENCE bytes = PY_REFERENCE::owned(
+        code ? PyMarshal_WriteObjectToString(code.get(), Py_MARSHAL_VERSION) : nullptr);
+    if (!bytes) {
+        return PY_REFERENCE();
+    }
+    compiled.assign(PyBytes_AS_STRING(bytes.get()),
+                    static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
+    return code;
+}
+
 // A new object of the class ORDER, in names of its own; null with an exception pending when that
 // fails.
 PY_REFERENCE make_order(bool kept) {
-    const PY_REFERENCE code = PY_REFERENCE::owned(
-        Py_CompileString(session_order_source, "session_order.py", Py_file_input));
+    const PY_REFERENCE code = order_code();
     const PY_REFERENCE names = PY_REFERENCE::owned(code ? PyDict_New() : nullptr);
     const PY_REFERENCE builtins =
         PY_REFERENCE::owned(names ? PyDict_Copy(PyEval_GetBuiltins()) : nullptr);
