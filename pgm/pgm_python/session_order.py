@@ -484,9 +484,6 @@ class ORDER:
         sys.setrecursionlimit(self.recursion_limit)
         sys.setswitchinterval(self.switch_interval)
         _thread.stack_size(self.stack_size)
-        for number in tools_that_monitor():
-            if number not in self.tools:
-                take_out_tool(number)
 
     # A host's other threads may start some meanwhile, which are none of the session's.
 
@@ -753,6 +750,9 @@ class ORDER:
         self.put_back_logging()
         self.put_back_foreign_types()
         self.put_back_decimal()
+        for number in tools_that_monitor():
+            if number not in self.tools:
+                take_out_tool(number)
         self.put_back_fault_handler()
         if self.is_tracing_memory() and not self.traces_memory:
             MODULES["_tracemalloc"].stop()
