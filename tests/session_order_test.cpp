@@ -639,6 +639,22 @@ TEST(HostsInterpreter, InterpretersMayFollowOneAnother) {
     }
 }
 
+TEST(HostsInterpreter, AThousandSessionsGrowByAtMostAKibibyteEach) {
+    const HOST_INTERPRETER host;
+    constexpr int sessions = 1000;
+    for (int session = 0; session < sessions / 4; ++session) {
+        run("");
+    }
+    const long long before = resident_memory();
+    for (int session = 0; session < sessions; ++session) {
+        run("");
+    }
+    if (before < 0) {
+        GTEST_SKIP() << "the platform does not tell the memory in use";
+    }
+    EXPECT_LE(resident_memory() - before, sessions * 1024LL);
+}
+
 TEST(HostsInterpreter, TheDescriptorForSignalsStays) {
     const HOST_INTERPRETER host;
     ASSERT_TRUE(

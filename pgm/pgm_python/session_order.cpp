@@ -1,7 +1,5 @@
 #include "pgm/pgm_python/session_order.h"
 
-#include <marshal.h>
-
 #include "pgm/pgm_common/environment.h"
 #include "pgm/pgm_python/messages.h"
 #include "pgm/pgm_python/pgm_python_mgr.h"
@@ -23,43 +21,46 @@ void require_or_print(bool condition, const CHECK& check) {
     }
 }
 
-// The compiled text of session_order.py; null with an exception pending when that fails. Compiling
-// takes longer than a session, so that it is done once in a process, whatever interpreters follow.
-PY_REFERENCE order_code() {
-    static std::string& compiled = *new std::string;  // never destroyed, as sessions may run late
-    if (!compiled.empty()) {
-        return PY_REFERENCE::owned(PyMarshal_ReadObjectFromString(
-            compiled.data(), static_cast<Py_ssize_t>(compiled.size())));
-    }
-    PY_REFERENCE code = PY_REFERENCE::owned(
-        Py_CompileString(session_order_source, "session_order.py", Py_file_input));
-    const PY_REFERENCE bytes = PY_REFERENCE::owned(
-        code ? PyMarshal_WriteObjectToString(code.get(), Py_MARSHAL_VERSION) : nullptr);
-    if (!bytes) {
-        return PY_REFERENCE();
-    }
-    compiled.assign(PyBytes_AS_STRING(bytes.get()),
-                    static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
-    return code;
+// What outlives the sessions of an interpreter, out of scripts' sight; null where there is none.
+PyObject* interpreter_store() {
+#if PY_VERSION_HEX >= 0x03080000
+    return PyInterpreterState_GetDict(PyThreadState_Get()->interp);
+#else
+    return PyThreadState_GetDict();
+#endif
 }
 
-// A new object of the class ORDER, in names of its own; null with an exception pending when that
-// fails.
-PY_REFERENCE make_order(bool kept) {
-    const PY_REFERENCE code = order_code();
-    const PY_REFERENCE names = PY_REFERENCE::owned(code ? PyDict_New() : nullptr);
+// The names that session_order.py makes; null with an exception pending when that fails. Compiling
+// and running it takes longer than a session, so that it is done once in an interpreter.
+PY_REFERENCE order_names() {
+    static constexpr char own_name[] = "pgm_python.session_order";
+    PyObject* const store = interpreter_store();
+    if (PyObject* const made = store == nullptr ? nullptr : PyDict_GetItemString(store, own_name)) {
+        return PY_REFERENCE::borrowed(made);
+    }
+    const PY_REFERENCE code = PY_REFERENCE::owned(
+        Py_CompileString(session_order_source, "session_order.py", Py_file_input));
+    PY_REFERENCE names = PY_REFERENCE::owned(code ? PyDict_New() : nullptr);
     const PY_REFERENCE builtins =
         PY_REFERENCE::owned(names ? PyDict_Copy(PyEval_GetBuiltins()) : nullptr);
-    if (!builtins || PyDict_SetItemString(names.get(), "__builtins__", builtins.get()) != 0) {
-        return PY_REFERENCE();
-    }
-    const PY_REFERENCE name = PY_REFERENCE::owned(PyUnicode_FromString("pgm_python.session_order"));
-    if (!name || PyDict_SetItemString(names.get(), "__name__", name.get()) != 0) {
+    const PY_REFERENCE name =
+        PY_REFERENCE::owned(builtins ? PyUnicode_FromString(own_name) : nullptr);
+    if (!name || PyDict_SetItemString(names.get(), "__builtins__", builtins.get()) != 0 ||
+        PyDict_SetItemString(names.get(), "__name__", name.get()) != 0) {
         return PY_REFERENCE();
     }
     const PY_REFERENCE ran =
         PY_REFERENCE::owned(PyEval_EvalCode(code.get(), names.get(), names.get()));
-    PyObject* const order = ran ? PyDict_GetItemString(names.get(), "ORDER") : nullptr;
+    if (!ran || (store != nullptr && PyDict_SetItemString(store, own_name, names.get()) != 0)) {
+        return PY_REFERENCE();
+    }
+    return names;
+}
+
+// A new object of the class ORDER; null with an exception pending when that fails.
+PY_REFERENCE make_order(bool kept) {
+    const PY_REFERENCE names = order_names();
+    PyObject* const order = names ? PyDict_GetItemString(names.get(), "ORDER") : nullptr;
     return PY_REFERENCE::owned(order == nullptr ? nullptr
                                                 : PyObject_CallFunction(order, "i", kept ? 1 : 0));
 }

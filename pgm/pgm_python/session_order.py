@@ -140,6 +140,7 @@ class EXITS:
 
     def end(self):
         names_of(atexit).update(self.own)
+        self.session = {}  # which held this object
 
     def run(self):
         while self.entries:
