@@ -592,18 +592,20 @@ TEST_F(Kept, LoggersOfScriptsAreForgottenAndThoseOfPackagesStay) {
         "logging.getLogger('by.script').setLevel(10)\n"
         "import talkative\n"
         "logging.getLogger('ODD').setLevel(10)\n"
+        "logging.getLogger('by.script.second').setLevel(10)\n"
         "logging.getLogger('ODD.first.below')\n"
-        "assert talkative.first.parent.name == 'ODD'\n");
+        "assert talkative.first.parent.name == 'ODD'\n"
+        "assert talkative.second.isEnabledFor(10)\n");
     const std::string look =
         "sorted(logging.root.manager.loggerDict), "
         "logging.getLogger('ODD.first') is talkative.first, "
         "logging.getLogger('by.script.second') is talkative.second, "
         "logging.getLogger('by.script') is talkative.second.parent, "
         "talkative.first.parent is logging.root, talkative.first.getEffectiveLevel(), "
-        "talkative.second.getEffectiveLevel()";
+        "talkative.second.getEffectiveLevel(), talkative.second.isEnabledFor(10)";
     const std::string there = "import logging\nimport talkative";
     const std::string before = seen(there, look);
-    EXPECT_NE(before.find("True, True, True, True, 30, 30"), std::string::npos) << before;
+    EXPECT_NE(before.find("True, True, True, True, 30, 30, False"), std::string::npos) << before;
     EXPECT_EQ(before.find("below"), std::string::npos) << before;
     for (int round = 0; round < 3; ++round) {
         run("import logging\n"

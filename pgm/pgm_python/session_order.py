@@ -835,8 +835,6 @@ class ORDER:
         if self.kept:
             for handler in list(root.handlers):
                 handler.close()
-            with logging._lock:
-                self.take_out_loggers()
             for logger in list(root.manager.loggerDict.values()):
                 if isinstance(logger, logging.Logger):
                     logger.handlers[:] = [handler for handler in logger.handlers
@@ -845,6 +843,8 @@ class ORDER:
                     logger.level = logging.NOTSET  # what is cached of it goes with the root's
                     logger.propagate = True
                     logger.disabled = False
+            with logging._lock:
+                self.take_out_loggers()
         root.handlers[:], root.filters[:] = state[0], state[1]
         root.setLevel(state[2])
         logging.disable(state[3])
@@ -902,6 +902,7 @@ class ORDER:
             if isinstance(place, MODULES["logging"].PlaceHolder):
                 manager._fixupChildren(place, logger)
             manager._fixupParents(logger)
+        manager._clear_cache()
         self.loggers_taken_out = ()
         self.loggers = dict(loggers)
 
