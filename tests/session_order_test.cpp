@@ -113,10 +113,13 @@ TEST_P(KeptChange, IsUndone) {
         ASSERT_TRUE(py_eval((std::string(change.imports) + "\n" + change.statements).c_str()));
     }
     EXPECT_EQ(seen(change.imports, change.look), before);
-    // In an interpreter's first call, too.
+#if PY_VERSION_HEX < 0x030C0000 || PY_VERSION_HEX >= 0x030D0000
+    // In an interpreter's first call, too. (In Python 3.12 some modules of the standard library
+    // crash in the second interpreter of a process.)
     PGM_PYTHON_SETTINGS::end_kept_interpreter();
     run(std::string(change.imports) + "\n" + change.statements);
     EXPECT_EQ(seen(change.imports, change.look), before);
+#endif
     // And it can be noticed where it is not undone.
     const INTERPRETER_SESSION session;
     ASSERT_TRUE(py_eval((std::string(change.imports) + "\n" + change.statements).c_str()));
