@@ -21,24 +21,46 @@ void require_or_print(bool condition, const CHECK& check) {
     }
 }
 
-// A new object of the class ORDER, in names of its own; null with an exception pending when that
-// fails.
-PY_REFERENCE make_order(bool kept) {
+// What outlives the sessions of an interpreter, out of scripts' sight; null where there is none.
+PyObject* interpreter_store() {
+#if PY_VERSION_HEX >= 0x03080000
+    return PyInterpreterState_GetDict(PyThreadState_Get()->interp);
+#else
+    return PyThreadState_GetDict();
+#endif
+}
+
+// The names that session_order.py makes; null with an exception pending when that fails. Compiling
+// and running it takes longer than a session, so that it is done once in an interpreter.
+PY_REFERENCE order_names() {
+    static constexpr char own_name[] = "pgm_python.session_order";
+    PyObject* const store = interpreter_store();
+    if (PyObject* const made = store == nullptr ? nullptr : PyDict_GetItemString(store, own_name)) {
+        return PY_REFERENCE::borrowed(made);
+    }
     const PY_REFERENCE code = PY_REFERENCE::owned(
         Py_CompileString(session_order_source, "session_order.py", Py_file_input));
-    const PY_REFERENCE names = PY_REFERENCE::owned(code ? PyDict_New() : nullptr);
+    PY_REFERENCE names = PY_REFERENCE::owned(code ? PyDict_New() : nullptr);
     const PY_REFERENCE builtins =
         PY_REFERENCE::owned(names ? PyDict_Copy(PyEval_GetBuiltins()) : nullptr);
-    if (!builtins || PyDict_SetItemString(names.get(), "__builtins__", builtins.get()) != 0) {
-        return PY_REFERENCE();
-    }
-    const PY_REFERENCE name = PY_REFERENCE::owned(PyUnicode_FromString("pgm_python.session_order"));
-    if (!name || PyDict_SetItemString(names.get(), "__name__", name.get()) != 0) {
+    const PY_REFERENCE name =
+        PY_REFERENCE::owned(builtins ? PyUnicode_FromString(own_name) : nullptr);
+    if (!name || PyDict_SetItemString(names.get(), "__builtins__", builtins.get()) != 0 ||
+        PyDict_SetItemString(names.get(), "__name__", name.get()) != 0) {
         return PY_REFERENCE();
     }
     const PY_REFERENCE ran =
         PY_REFERENCE::owned(PyEval_EvalCode(code.get(), names.get(), names.get()));
-    PyObject* const order = ran ? PyDict_GetItemString(names.get(), "ORDER") : nullptr;
+    if (!ran || (store != nullptr && PyDict_SetItemString(store, own_name, names.get()) != 0)) {
+        return PY_REFERENCE();
+    }
+    return names;
+}
+
+// A new object of the class ORDER; null with an exception pending when that fails.
+PY_REFERENCE make_order(bool kept) {
+    const PY_REFERENCE names = order_names();
+    PyObject* const order = names ? PyDict_GetItemString(names.get(), "ORDER") : nullptr;
     return PY_REFERENCE::owned(order == nullptr ? nullptr
                                                 : PyObject_CallFunction(order, "i", kept ? 1 : 0));
 }
@@ -103,7 +125,17 @@ void SESSION_ORDER::search_path_is_set() {
 std::vector<std::string> SESSION_ORDER::end() noexcept {
     std::vector<std::string> failures;
     PyErr_Clear();
-    const PY_REFERENCE ended = call("end");
+    if (!call("end")) {
+        failures.push_back(taken_error());
+    }
+    // What the session's context variables hold is collected with the rest.
+    if (m_context) {
+        if (PyContext_Exit(m_context.get()) != 0) {
+            failures.push_back(taken_error());
+        }
+        m_context.reset();
+    }
+    const PY_REFERENCE ended = call("end_objects");
     if (!ended) {
         failures.push_back(taken_error());
     }
@@ -111,12 +143,6 @@ std::vector<std::string> SESSION_ORDER::end() noexcept {
         const char* const text = PyUnicode_AsUTF8(PyList_GET_ITEM(ended.get(), index));
         PyErr_Clear();
         failures.emplace_back(text == nullptr ? "a step without a text" : text);
-    }
-    if (m_context) {
-        if (PyContext_Exit(m_context.get()) != 0) {
-            failures.push_back(taken_error());
-        }
-        m_context.reset();
     }
     const PY_REFERENCE environment = environment_list();
     if (!environment || !call("put_back_environment", environment.get())) {

@@ -11,6 +11,7 @@ import sys
 NAMES_AT_START = frozenset(sys.modules)
 
 import _thread
+import _weakref
 import atexit
 import builtins
 import gc
@@ -59,6 +60,14 @@ class KEPT_NAMES:
         self.contents = [(value, type(value)(value)) for name, value in names.items()
                          if type(value) in (list, dict) and name not in self.without]
 
+    def content_of(self, name):
+        """What a list of these names is to hold."""
+        noted = self.values.get(name)
+        for value, content in self.contents:
+            if value is noted:
+                return content
+        return []
+
     def put_back(self):
         if not same_names(self.names, self.values):
             self.put_back_names()
@@ -89,7 +98,7 @@ def same_names(names, others):
 class EXITS:
     """Stands for the functions of atexit: what is registered belongs to a session."""
 
-    def __init__(self):
+    def __init__(self, order):
         self.entries = []
         self.own = {name: getattr(atexit, name)
                     for name in ("register", "unregister", "_clear", "_run_exitfuncs",
@@ -99,9 +108,11 @@ class EXITS:
             """Registers a function that is called when the session ends."""
             if not callable(func):
                 raise TypeError("the first argument must be callable")
-            owner = sys_getframe(1).f_globals
-            while_imported = getattr(owner.get("__spec__"), "_initializing", False)
-            self.entries.append((func, args, kwargs, owner, while_imported))
+            if not order.is_own_thread():
+                return self.own["register"](func, *args, **kwargs)
+            caller = sys_getframe(1)
+            self.entries.append((func, args, kwargs, caller.f_globals,
+                                 order.is_importing(caller)))
             return func
 
         def unregister(func):
@@ -129,6 +140,7 @@ class EXITS:
 
     def end(self):
         names_of(atexit).update(self.own)
+        self.session = {}  # which held this object
 
     def run(self):
         while self.entries:
@@ -176,14 +188,22 @@ def flush(name):
         pass
 
 
-def new_stream(name, number, like):
+def form_of(stream):
+    """What streams that are made like another need to know of it."""
+    return (isinstance(getattr(stream, "buffer", None), io.RawIOBase),
+            getattr(stream, "encoding", None) or "utf-8",
+            getattr(stream, "errors", None) or "strict")
+
+
+def new_stream(name, number, form):
     """A standard stream as Python makes it at its start."""
+    unbuffered, encoding, errors = form
     writes = number > 0
     try:
         os.fstat(number)
     except OSError:
         return None
-    unbuffered = writes and isinstance(getattr(like, "buffer", None), io.RawIOBase)
+    unbuffered = writes and unbuffered
     try:
         raw = binary = io.open(number, "wb" if writes else "rb", 0 if unbuffered else -1,
                                closefd=False)
@@ -193,11 +213,10 @@ def new_stream(name, number, like):
         raw = binary.raw
     raw.name = "<%s>" % name
     at_terminal = raw.isatty()
-    encoding = getattr(like, "encoding", None) or "utf-8"
     if type(raw).__name__ == "_WindowsConsoleIO":
         encoding = "utf-8"
     stream = io.TextIOWrapper(
-        binary, encoding, getattr(like, "errors", None) or "strict",
+        binary, encoding, errors,
         None if sys.platform == "win32" else "\n",
         at_terminal or unbuffered or (number == 2 and sys.version_info >= (3, 9)), unbuffered)
     stream.mode = "w" if writes else "r"
@@ -229,7 +248,27 @@ def new_main_module(names):
     main_names = main.__dict__
     main_names.clear()
     main_names.update(names)
+    if "__annotations__" in names:
+        main_names["__annotations__"] = {}
     return main
+
+
+MONITORING = getattr(sys, "monitoring", None)  # since Python 3.12
+
+
+def tools_that_monitor():
+    """The numbers of the tools that sys.monitoring has in use."""
+    if MONITORING is None:
+        return ()
+    return [number for number in range(6) if MONITORING.get_tool(number) is not None]
+
+
+def take_out_tool(number):
+    MONITORING.set_events(number, 0)
+    for event in vars(MONITORING.events).values():
+        if isinstance(event, int) and event:
+            MONITORING.register_callback(number, event, None)
+    MONITORING.free_tool_id(number)
 
 
 def environment_from(entries):
@@ -246,6 +285,17 @@ def environment_from(entries):
     return names
 
 
+def time_zone():
+    """What Python takes for the process's time zone."""
+    names = names_of(MODULES.get("time"))
+    return [names.get(name) for name in ("timezone", "altzone", "daylight", "tzname")]
+
+
+def set_time_zone():
+    """Has the C library and Python look at TZ, where the platform can."""
+    names_of(MODULES.get("time")).get("tzset", bool)()
+
+
 class ORDER:
     """What an interpreter is to be like between sessions.
 
@@ -254,7 +304,7 @@ class ORDER:
 
     def __init__(self, kept):
         self.kept = kept
-        self.exits = EXITS()
+        self.exits = EXITS(self)
         self.failures = []
         self.environment_object = os.environ
         self.environment_bytes = getattr(os, "environb", None)
@@ -262,6 +312,9 @@ class ORDER:
         self.hidden = {}
         self.entries = ()
         self.threads = ()
+        self.thread = None
+        self.own_threads = []
+        self.starters = {}
         self.main_module = None
         if kept:
             # The calling thread becomes the main one for both.
@@ -289,8 +342,8 @@ class ORDER:
             names_of(sys), ("modules", "path_importer_cache") +
             (("stdin", "stdout", "stderr", "__stdin__", "__stdout__", "__stderr__")
              if self.kept else ()))
-        self.streams = {name: getattr(sys, "__%s__" % name, None) for name, _ in STREAMS}
-        self.current = self.streams
+        self.current = {name: getattr(sys, "__%s__" % name, None) for name, _ in STREAMS}
+        self.stream_forms = {name: form_of(stream) for name, stream in self.current.items()}
         self.path_importer_cache = sys.path_importer_cache
         self.cached_paths = dict(sys.path_importer_cache)
         self.builtins_names = KEPT_NAMES(names_of(builtins))
@@ -299,6 +352,10 @@ class ORDER:
                                          ("_filters_version", "onceregistry"))
         self.recursion_limit = sys.getrecursionlimit()
         self.switch_interval = sys.getswitchinterval()
+        self.stack_size = _thread.stack_size()
+        self.tools = tools_that_monitor()
+        self.faults = self.shows_faults()
+        self.traces_memory = self.is_tracing_memory()
         self.trace = sys.gettrace()
         self.profile = sys.getprofile()
         self.async_generator_hooks = tuple(sys.get_asyncgen_hooks())
@@ -312,7 +369,11 @@ class ORDER:
                               for name in ("_trace_hook", "_profile_hook", "excepthook")
                               if name in names_of(threading)} if threading else {})
         self.signals = self.signal_handlers()
+        self.signal_descriptor = self.noted_signal_descriptor()
         self.logging = self.logging_state()
+        self.loggers = dict(self.all_loggers())
+        self.foreign_types = {name: frozenset(types)
+                              for name, types in self.caches_of_foreign_types()}
         self.decimal = self.decimal_state()
         self.zip_folders = frozenset(self.zip_cache())
 
@@ -334,9 +395,12 @@ class ORDER:
             self.freezes = gc.get_freeze_count() == 0
             if self.freezes:
                 gc.freeze()
+        self.time_zone = time_zone()
         MODULES["__main__"] = new_main_module(self.main_names)
         threading = MODULES.get("threading")
         self.threads = tuple(threading._active.values()) if threading else ()
+        if not self.kept:
+            self.watch_threads()
         self.exits.begin()
         self.first = False
 
@@ -344,11 +408,14 @@ class ORDER:
         names = environment_from(entries)
         data = self.environment_object._data
         if data != names:
+            zone = data.get(b"TZ")
             data.clear()
             data.update(names)
+            if names.get(b"TZ") != zone:
+                set_time_zone()
 
     def renew_streams(self):
-        self.current = {name: new_stream(name, number, self.streams[name])
+        self.current = {name: new_stream(name, number, self.stream_forms[name])
                         for name, number in STREAMS}
         for name, stream in self.current.items():
             for own_name in (name, "__%s__" % name):
@@ -390,23 +457,72 @@ class ORDER:
     # ---- its end
 
     def end(self):
-        """Puts everything in order but the environment; texts of what failed."""
-        for step in (self.stop_looking, self.note_added_folders, self.end_threads, self.run_exit_functions,
-                     self.flush_streams, self.put_back_sys, self.put_back_modules,
-                     self.put_back_library, self.put_back_signals, self.collect,
-                     self.flush_streams):
+        """Puts everything in order but the environment, and what only a collection frees.
+
+        That goes when the session's context variables hold nothing any more.
+        """
+        self.go_through(self.stop_looking, self.note_added_folders, self.end_threads,
+                        self.run_exit_functions, self.stop_watching_threads, self.flush_streams,
+                        self.keep_finders, self.put_back_sys, self.put_back_modules,
+                        self.put_back_library, self.put_back_signals)
+
+    def end_objects(self):
+        """Collects what the session made; texts of what failed here and in end()."""
+        self.go_through(self.collect, self.take_in_loggers, self.flush_streams)
+        return self.failures
+
+    def go_through(self, *steps):
+        for step in steps:
             try:
                 step()
             except BaseException as failure:
                 self.failures.append("%s: %s: %s" % (step.__name__, type(failure).__name__,
                                                      failure))
-        return self.failures
 
     def stop_looking(self):
         sys.settrace(self.trace)
         sys.setprofile(self.profile)
         sys.setrecursionlimit(self.recursion_limit)
         sys.setswitchinterval(self.switch_interval)
+        _thread.stack_size(self.stack_size)
+
+    # A host's other threads may start some meanwhile, which are none of the session's.
+
+    def watch_threads(self):
+        self.thread = _thread.get_ident()
+        threading = names_of(MODULES.get("threading"))
+        for name in ("start_new_thread", "start_joinable_thread"):  # the second since Python 3.13
+            if name in names_of(_thread):
+                starter = names_of(_thread)[name]
+                self.starters[name] = starter
+                names_of(_thread)[name] = self.watched(starter)
+                if "_" + name in threading:
+                    threading["_" + name] = names_of(_thread)[name]
+
+    def watched(self, starter):
+        def start(function, *args, **kwargs):
+            thread = getattr(function, "__self__", None)
+            if thread is not None and self.is_own_thread():
+                self.own_threads.append(thread)
+            return starter(function, *args, **kwargs)
+        return start
+
+    def is_own_thread(self):
+        """Whether what the calling thread does is the session's doing."""
+        me = _thread.get_ident()
+        if self.kept or me == self.thread:
+            return True
+        current = names_of(MODULES.get("threading")).get("_active", {}).get(me)
+        return any(current is thread for thread in self.own_threads)
+
+    def stop_watching_threads(self):
+        threading = names_of(MODULES.get("threading"))
+        for name, starter in self.starters.items():
+            names_of(_thread)[name] = starter
+            if "_" + name in threading:
+                threading["_" + name] = starter
+        self.thread = None
+        self.own_threads.clear()
 
     def end_threads(self):
         threading = MODULES.get("threading") if not self.kept else self.modules["threading"]
@@ -421,9 +537,9 @@ class ORDER:
         while True:
             left = [thread for thread in list(threading._active.values())
                     if not thread.daemon and thread.ident != me and
-                    not any(thread is found for found in self.threads) and
                     thread is not threading._main_thread and
-                    (self.kept or thread not in queues)]
+                    (not any(thread is found for found in self.threads) if self.kept else
+                     any(thread is own for own in self.own_threads) and thread not in queues)]
             if not left:
                 break
             for thread in left:
@@ -444,11 +560,7 @@ class ORDER:
         again = []
         for entry in list(atexit_entries):
             owner = entry[3]
-            module = MODULES.get(owner.get("__name__"))
-            if module is None or names_of(module) is not owner or not self.stays(
-                    owner["__name__"], module):
-                continue
-            if owner["__name__"] in ENDED_EACH_TIME:
+            if owner.get("__name__") in ENDED_EACH_TIME and self.is_of_module_that_stays(owner):
                 (again if self.kept else later).append(entry)
             elif entry[4]:
                 later.append(entry)
@@ -468,6 +580,30 @@ class ORDER:
         finalize = names_of(MODULES.get("weakref")).get("finalize")
         if finalize is not None:
             finalize._shutdown = False
+
+    def is_of_module_that_stays(self, names):
+        name = names.get("__name__")
+        module = MODULES.get(name) if isinstance(name, str) else None
+        return (module is not None and names_of(module) is names and self.stays(name, module))
+
+    def is_importing(self, frame):
+        """Whether a frame is at work for the import of a module that stays, and for no script."""
+        self.note_added_folders()
+        while frame is not None:
+            names = frame.f_globals
+            if any(names is names_of(MODULES.get(name))
+                   for name in ("_frozen_importlib", "_frozen_importlib_external")):
+                # The innermost module that is being imported counts.
+                spec = frame.f_locals.get("spec")
+                name = getattr(spec, "name", None)
+                if name in MODULES:
+                    return self.stays(name, MODULES[name])
+                if spec is not None:
+                    return self.is_of_base(getattr(spec, "origin", None))
+            elif not self.is_of_module_that_stays(names):
+                return False
+            frame = frame.f_back
+        return False
 
     def flush_streams(self):
         flush("stdout")
@@ -494,6 +630,20 @@ class ORDER:
             sys.set_int_max_str_digits(self.digits)
         self.builtins_names.put_back()
         self.os_names.put_back()
+
+    def keep_finders(self):
+        """Notes new finders of packages that stay, which will not add them again."""
+        for name in ("meta_path", "path_hooks"):
+            noted = self.sys_names.content_of(name)
+            found = getattr(sys, name, None)
+            if type(found) is not list or found == noted:
+                continue
+            for index, finder in enumerate(found):
+                home = getattr(finder, "__module__", None)
+                if (isinstance(home, str) and home not in self.always_loaded and
+                        home in MODULES and self.stays(home, MODULES[home]) and
+                        not any(finder is other for other in noted)):
+                    noted.insert(index, finder)
 
     def is_base(self, path):
         folder = folder_of(path)
@@ -540,11 +690,7 @@ class ORDER:
 
     def note_added_folders(self):
         """Notes the folders that stand on the path beside those that were there."""
-        before = list(self.sys_names.values.get("path", ()))
-        for value, content in self.sys_names.contents:
-            if value is self.sys_names.values.get("path"):
-                before = list(content)
-        left = list(before)
+        left = list(self.sys_names.content_of("path"))
         added = set()
         for path in list(sys.path) if isinstance(sys.path, (list, tuple)) else ():
             if path in left:
@@ -603,7 +749,14 @@ class ORDER:
         for forget in names_of(MODULES.get("typing")).get("_cleanups", ()):
             forget()
         self.put_back_logging()
+        self.put_back_foreign_types()
         self.put_back_decimal()
+        for number in tools_that_monitor():
+            if number not in self.tools:
+                take_out_tool(number)
+        self.put_back_fault_handler()
+        if self.is_tracing_memory() and not self.traces_memory:
+            MODULES["_tracemalloc"].stop()
         if self.kept:
             sockets = MODULES.get("_socket")
             if sockets is not None:
@@ -611,6 +764,31 @@ class ORDER:
             events = names_of(MODULES.get("asyncio.events"))
             if events.get("_event_loop_policy") is not None:
                 events["_event_loop_policy"] = None
+
+    def shows_faults(self):
+        faults = MODULES.get("faulthandler")
+        return faults is not None and faults.is_enabled()
+
+    def put_back_fault_handler(self):
+        faults = MODULES.get("faulthandler")
+        if faults is None:
+            return
+        if not self.faults:
+            faults.disable()
+        if not self.kept and "faulthandler" in self.modules:
+            return  # what is due later may be the host's
+        faults.cancel_dump_traceback_later()
+        unregister = getattr(faults, "unregister", None)
+        if unregister is not None:
+            for number in range(1, 65):
+                try:
+                    unregister(number)
+                except (RuntimeError, ValueError):
+                    pass  # one of those that enable() is for, or none at all
+
+    def is_tracing_memory(self):
+        tracer = MODULES.get("_tracemalloc")
+        return tracer is not None and tracer.is_tracing()
 
     def decimal_state(self):
         decimal = MODULES.get("decimal")
@@ -662,14 +840,104 @@ class ORDER:
                     logger.handlers[:] = [handler for handler in logger.handlers
                                           if type(handler) is logging.NullHandler]
                     logger.filters[:] = []
-                    logger.setLevel(logging.NOTSET)
+                    logger.level = logging.NOTSET  # what is cached of it goes with the root's
                     logger.propagate = True
                     logger.disabled = False
+            with logging._lock:
+                self.take_out_loggers()
         root.handlers[:], root.filters[:] = state[0], state[1]
         root.setLevel(state[2])
         logging.disable(state[3])
         logging.setLoggerClass(state[4])
         logging.raiseExceptions = state[5]
+
+    def all_loggers(self):
+        root = names_of(MODULES.get("logging")).get("root")
+        return {} if root is None else root.manager.loggerDict
+
+    loggers_taken_out = ()
+
+    def take_out_loggers(self):
+        """Takes out loggers that came and bear the name of no module that stays.
+
+        What still holds one after the collection is a module that stays.
+        """
+        loggers = self.all_loggers()
+        if loggers == self.loggers:
+            return
+        logging = MODULES["logging"]
+        root = logging.root
+        came = {name: logger for name, logger in loggers.items()
+                if self.loggers.get(name) is not logger and
+                name.partition(".")[0] not in self.modules}
+        gone = frozenset(map(id, came.values()))
+        orphans = []
+        for name in came:
+            del loggers[name]
+        for logger in loggers.values():
+            if isinstance(logger, logging.PlaceHolder):
+                for child in [child for child in logger.loggerMap if id(child) in gone]:
+                    del logger.loggerMap[child]
+            elif id(logger.parent) in gone:
+                orphans.append(logger)
+        for logger in orphans:
+            root.manager._fixupParents(logger)
+        self.loggers_taken_out = []
+        for name, logger in came.items():
+            if not isinstance(logger, logging.PlaceHolder):
+                logger.parent = root
+                self.loggers_taken_out.append((name, _weakref.ref(logger)))
+
+    def take_in_loggers(self):
+        loggers = self.all_loggers()
+        if loggers == self.loggers and not self.loggers_taken_out:
+            return
+        manager = MODULES["logging"].root.manager
+        for name, reference in self.loggers_taken_out:
+            logger = reference()
+            if logger is None:
+                continue
+            place = loggers.get(name)
+            loggers[name] = logger
+            if isinstance(place, MODULES["logging"].PlaceHolder):
+                manager._fixupChildren(place, logger)
+            manager._fixupParents(logger)
+        manager._clear_cache()
+        self.loggers_taken_out = ()
+        self.loggers = dict(loggers)
+
+    # ---- foreign functions
+
+    def caches_of_foreign_types(self):
+        names = names_of(MODULES.get("ctypes"))
+        return [(name, names[name]) for name in
+                ("_pointer_type_cache", "_c_functype_cache", "_win_functype_cache")
+                if name in names]
+
+    def put_back_foreign_types(self):
+        """Forgets types that are made of a script's own."""
+        for name, types in self.caches_of_foreign_types():
+            before = self.foreign_types.get(name, ())
+            if len(types) == len(before):
+                continue
+            for key in [key for key in types if key not in before]:
+                if self.is_of_script(key):
+                    del types[key]
+            self.foreign_types[name] = frozenset(types)
+
+    def is_of_script(self, part):
+        """Whether a foreign type, or a tuple of such, is made of a class that does not stay."""
+        if isinstance(part, tuple):
+            return any(map(self.is_of_script, part))
+        if not isinstance(part, type):
+            return False
+        item = getattr(part, "_type_", None)
+        if isinstance(item, type):
+            return self.is_of_script(item)  # a pointer or an array
+        home = part.__module__
+        return (home not in MODULES or not self.stays(home, MODULES[home]) or
+                self.is_of_script(getattr(part, "_restype_", None)) or
+                self.is_of_script(getattr(part, "_argtypes_", None)))
 
     # ---- signals
 
@@ -685,6 +953,27 @@ class ORDER:
                 pass
         return handlers
 
+    def noted_signal_descriptor(self):
+        """The descriptor that Python writes signals to; -1 where there is none."""
+        signals = MODULES.get("_signal")
+        if signals is None:
+            return -1
+        mask = getattr(signals, "pthread_sigmask", None)
+        if mask is not None:
+            # It can only be read by taking it away: meanwhile none may come.
+            every = getattr(signals, "valid_signals", lambda: range(1, 32))()
+            blocked = mask(signals.SIG_BLOCK, every)
+        try:
+            descriptor = signals.set_wakeup_fd(-1)
+            if descriptor != -1:
+                signals.set_wakeup_fd(descriptor)
+            return descriptor
+        except (OSError, ValueError):
+            return -1  # not the main thread, or closed
+        finally:
+            if mask is not None:
+                mask(signals.SIG_SETMASK, blocked)
+
     def put_back_signals(self):
         """What Python believes; how the process handles signals is put back by the library."""
         now = self.signal_handlers()
@@ -692,9 +981,12 @@ class ORDER:
             return
         signals = MODULES["_signal"]
         try:
-            signals.set_wakeup_fd(-1)
-        except ValueError:
-            return  # not the main thread, where nothing can have been set
+            signals.set_wakeup_fd(self.signal_descriptor)
+        except (OSError, ValueError):
+            try:
+                signals.set_wakeup_fd(-1)
+            except ValueError:
+                return  # not the main thread, where nothing can have been set
         for number, handler in now.items():
             if self.signals is not None:
                 before = self.signals.get(number)
@@ -737,6 +1029,8 @@ class ORDER:
             for name, value in before.items():
                 if now.get(name) != value:
                     put_in_process(name, value)
+        if before.get(b"TZ") != now.get(b"TZ") or self.time_zone != time_zone():
+            set_time_zone()
         data = self.environment_object._data
         wanted = before if self.kept else self.environment
         if data != wanted:
