@@ -435,8 +435,9 @@ class ORDER:
         A script would find its own in an interpreter that has not loaded the others.
         """
         self.note_added_folders()
+        new = [folder for folder in self.added if folder not in self.added_at_start]
         self.added_at_start = frozenset(self.added)
-        for folder in self.added:
+        for folder in new:
             try:
                 found = os.listdir(folder)
             except (OSError, TypeError, ValueError):
