@@ -310,7 +310,8 @@ class ORDER:
         self.environment_bytes = getattr(os, "environb", None)
         self.first = True
         self.hidden = {}
-        self.entries = ()
+        self.entries = None
+        self.environment_at_start = {}
         self.threads = ()
         self.thread = None
         self.own_threads = []
@@ -381,11 +382,13 @@ class ORDER:
 
     def begin(self, entries):
         """`entries` is the process's environment."""
-        self.entries = entries
+        if entries != self.entries:
+            self.entries = entries
+            self.environment_at_start = environment_from(entries)
         self.failures = []
         self.added_at_start = frozenset()
         if self.kept:
-            self.refresh_environment(entries)
+            self.refresh_environment()
             if not self.first:
                 self.renew_streams()
                 self.forget_listings()
@@ -404,8 +407,8 @@ class ORDER:
         self.exits.begin()
         self.first = False
 
-    def refresh_environment(self, entries):
-        names = environment_from(entries)
+    def refresh_environment(self):
+        names = self.environment_at_start
         data = self.environment_object._data
         if data != names:
             zone = data.get(b"TZ")
@@ -1021,8 +1024,8 @@ class ORDER:
 
     def put_back_environment(self, entries):
         """`entries` is the process's environment at the end."""
-        before = environment_from(self.entries)
-        now = environment_from(entries)
+        before = self.environment_at_start
+        now = before if entries == self.entries else environment_from(entries)
         if before != now:
             for name in now:
                 if name not in before:
