@@ -90,6 +90,13 @@ public:
     // Whether the listener of a call without an answer still has to be completed.
     bool completion_is_due() const { return m_completion_is_due; }
 
+    // What of its failure the worker itself has reported, at the end of what it had come to.
+    bool has_printed_failure() const { return m_has_printed_failure; }
+    bool has_posted_failure() const { return m_has_posted_failure; }
+
+    // Whether the listener was told of a success that there is no answer of.
+    bool has_completed_well() const { return m_has_completed_well; }
+
 private:
     static bool cannot_start(const std::string& program, const std::string& reason) {
         print_line("Python worker %s cannot be started: %s", program, reason);
@@ -116,11 +123,14 @@ private:
                 case FRAME_TYPE::stage:
                     m_answer.module = m_event.text;
                     m_answer.made = m_event.flag;
+                    m_has_printed_failure = false;
                     continue;
                 case FRAME_TYPE::line:
+                    m_has_printed_failure = true;
                     msg_line(static_cast<int>(m_event.number), m_event.text);
                     break;
                 case FRAME_TYPE::post:
+                    m_has_posted_failure = true;
                     post(m_event.number, m_event.text);
                     break;
                 case FRAME_TYPE::internal_error:
@@ -158,6 +168,7 @@ private:
             m_channel_was_started = true;
             m_announced_channel = m_surroundings.start_back_channel();
         } else {
+            m_has_completed_well = m_event.flag;
             m_surroundings.complete(m_event.flag, m_event.text, m_event.module);
         }
         return true;
@@ -180,21 +191,28 @@ private:
     bool m_taken = false;
     bool m_channel_was_started = false;
     bool m_completion_is_due = false;
+    bool m_has_printed_failure = false;
+    bool m_has_posted_failure = false;
+    bool m_has_completed_well = false;
 };
 
-// What a bridge reports of a call that failed where the worker's ended.
-void report_failed_call(const CALL_REQUEST& request, const ANSWER& answer) {
+// What a bridge reports of a call that failed where the worker's ended, save for what has been.
+void report_failed_call(const CALL_REQUEST& request, const ANSWER& answer,
+                        const HOSTED_CALL& call) {
     if (answer.module.empty()) {
         return;
     }
     if (!answer.made) {
-        print_line("Fail to load module %s", answer.module);
+        if (!call.has_printed_failure()) {
+            print_line("Fail to load module %s", answer.module);
+        }
         return;
     }
-    if (request.bridge.call_failure != nullptr) {
+    if (request.bridge.call_failure != nullptr && !call.has_printed_failure()) {
         print_line("%s", request.bridge.call_failure);
     }
-    if (request.bridge.posts_call_failure) {
+    if (call.has_completed_well() ||
+        (request.bridge.posts_call_failure && !call.has_posted_failure())) {
         post_and_release(make_execution_failure_msg(request.function, answer.module));
     }
 }
@@ -209,7 +227,7 @@ ANSWER walk_road_in_worker(const CALL_REQUEST& request, ROAD_SURROUNDINGS& surro
     }
     ANSWER answer = call.taken_answer();
     answer.success = false;
-    report_failed_call(request, answer);
+    report_failed_call(request, answer, call);
     if (answer.module.empty()) {
         // The completion of an early bridge names it.
         answer.module = std::filesystem::u8path(request.script).stem().u8string();
@@ -232,6 +250,8 @@ bool walk_run_in_worker(const RUN_REQUEST& request, ROAD_SURROUNDINGS& surroundi
     }
     if (call.completion_is_due()) {
         surroundings.complete(false, "", request.arguments.at(0));
+    } else if (call.has_completed_well()) {
+        post_and_release(make_execution_failure_file_msg(request.arguments.at(0)));
     }
     return false;
 }
