@@ -17,10 +17,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <random>
 #include <thread>
 
+#include "pgm/pgm_python/bridge_call.h"
 #include "pgm/pgm_python/pgm_python_mgr.h"
 #include "pgm/pgm_python/pgm_python_settings.h"
 #include "pgm/pgm_python/worker_pool.h"
@@ -473,6 +475,133 @@ TEST_F(WorkerProcesses, WhatIsNoWorkerAndSaysSoIsRefused) {
     }
     PGM_PYTHON_SETTINGS::set_worker(worker_program);
     EXPECT_EQ(call("same"), "data");
+}
+
+// ---- Programs that greet as a worker does and then say what no worker says.
+
+class LyingWorkers : public WorkerProcesses {
+protected:
+    class FRAMES : public FRAME_STREAM {
+    public:
+        explicit FRAMES(std::initializer_list<FRAME_TYPE> types) {
+            for (const FRAME_TYPE type : types) {
+                add(type);
+            }
+        }
+        FRAMES& add(FRAME_TYPE type, const std::string& text = "", bool flag = false) {
+            WORKER_EVENT event;
+            event.type = type;
+            event.number = type == FRAME_TYPE::line ? MSG_TYPE_ERROR : 0;
+            event.text = text;
+            event.flag = flag;
+            write_event(*this, event);
+            return *this;
+        }
+        bool read(void* /*buffer*/, std::size_t /*size*/) override { return false; }
+        bool write(const std::vector<FRAME_PART>& parts) override {
+            for (const FRAME_PART& part : parts) {
+                if (part.size > 0) {
+                    bytes.append(static_cast<const char*>(part.data), part.size);
+                }
+            }
+            return true;
+        }
+        std::string bytes;
+    };
+
+    LyingWorkers() { PGM_PYTHON_SETTINGS::set_call_timeout(20); }
+
+    ~LyingWorkers() override {
+        for (const pid_t process : mark.processes()) {
+            ::kill(process, SIGKILL);  // none has a keeper
+        }
+    }
+
+    // Workers say this from now on, and go on to say the second, without end.
+    void say(const FRAMES& frames, const std::string& without_end = "") const {
+        const std::string once = installation.folder().write("bin/once", frames.bytes);
+        const std::string on = installation.folder().write("bin/on", without_end);
+        const std::string program = installation.folder().write(
+            "bin/liar",
+            "#!/bin/bash\n"
+            "printf 'peek\\0\\0\\0\\0' >&3\n"
+            // Ends when the host wants that.
+            "{ cat >/dev/null; kill -9 $$; } <&3 3>&- 4>&- &\n"
+            "exec 3>&-\n"
+            "cat <&4 >/dev/null &\n"
+            "cat " +
+                once + " >&4\n" + "while [ -s " + on + " ]; do cat " + on +
+                "; done >&4 2>/dev/null\n"
+                "exec sleep 1000\n");
+        ::chmod(program.c_str(), 0755);
+        PGM_PYTHON_SETTINGS::set_worker(program);
+    }
+
+    // How the call of a bridge ends whose worker does that.
+    std::string end_of(const BRIDGE& bridge) {
+        receiver.reports.clear();
+        BRIDGE_CALL bridge_call(bridge, script, "same");
+        EXPECT_FALSE(bridge_call.run(ANSWER_FORM::KIND::ignored).success);
+        const std::string start = "error: Python worker ended in the call: ";
+        for (const std::string& report : receiver.reports) {
+            if (report.compare(0, start.size(), start) == 0) {
+                return report.substr(start.size());
+            }
+        }
+        return "no such line";
+    }
+
+    const std::string refused = "what it sent cannot be read";
+    const BRIDGE plain = BRIDGE(90);
+    const BRIDGE early = BRIDGE(91).with_early_back_channel();
+    const BRIDGE late = BRIDGE(92).with_late_back_channel();
+};
+
+TEST_F(LyingWorkers, AListenerStartsAndEndsOnlyWhereOneIsDue) {
+    const THREADS_BEFORE threads_before;
+    say(FRAMES({FRAME_TYPE::taken, FRAME_TYPE::start_back_channel, FRAME_TYPE::complete}));
+    EXPECT_EQ(end_of(plain), refused);
+    EXPECT_EQ(end_of(early), refused);
+    say(FRAMES(
+        {FRAME_TYPE::taken, FRAME_TYPE::start_back_channel, FRAME_TYPE::start_back_channel}));
+    EXPECT_EQ(end_of(late), refused);
+    say(FRAMES({FRAME_TYPE::taken, FRAME_TYPE::complete}));
+    for (const BRIDGE& bridge : {plain, early, late}) {
+        EXPECT_EQ(end_of(bridge), refused);
+    }
+    EXPECT_TRUE(threads_before.are_back());
+}
+
+TEST_F(LyingWorkers, AHostIsNotEndedWithoutAnInternalError) {
+    say(FRAMES({FRAME_TYPE::taken, FRAME_TYPE::fatal_error}));
+    EXPECT_EQ(end_of(plain), refused);
+    receiver.returns_from_internal_errors = true;
+    say(FRAMES({FRAME_TYPE::taken, FRAME_TYPE::internal_error, FRAME_TYPE::line,
+                FRAME_TYPE::fatal_error}));
+    EXPECT_EQ(end_of(plain), refused);
+}
+
+TEST_F(LyingWorkers, WhatIsSaidOnceIsNotSaidAgain) {
+    const FRAMES taken({FRAME_TYPE::taken});
+    say(taken, taken.bytes);
+    EXPECT_EQ(end_of(plain), refused);
+    say(taken, FRAMES({}).add(FRAME_TYPE::stage, "bits").bytes);
+    EXPECT_EQ(end_of(plain), refused);
+    say(FRAMES({FRAME_TYPE::taken}).add(FRAME_TYPE::stage, "bits"),
+        FRAMES({}).add(FRAME_TYPE::stage, "bits", true).bytes);
+    EXPECT_EQ(end_of(plain), refused);
+    say(FRAMES({FRAME_TYPE::line}));
+    EXPECT_EQ(end_of(plain), refused);
+}
+
+TEST_F(LyingWorkers, TheTimeLimitHoldsForOneWhoNeverStops) {
+    PGM_PYTHON_SETTINGS::set_call_timeout(1);
+    FRAMES lines({});
+    for (int count = 0; count < 1000; ++count) {
+        lines.add(FRAME_TYPE::line);
+    }
+    say(FRAMES({FRAME_TYPE::taken}), lines.bytes);
+    EXPECT_EQ(end_of(plain), "time limit of 1 seconds");
 }
 
 // ---- Good calls among those whose process dies, from several threads.

@@ -149,6 +149,19 @@ std::string text_of_status(int status) {
 
 // ---- The host's side.
 
+// Connects two sockets; false with errno. The near one is not in the place of a standard stream
+// that the host has closed.
+bool make_connection(std::array<int, 2>& ends) {
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        return false;
+    }
+    if (ends[0] <= STDERR_FILENO) {
+        const int near = ::fcntl(ends[0], F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        ::close(std::exchange(ends[0], near));
+    }
+    return ends[0] >= 0;
+}
+
 class POSIX_WORKER;
 
 // The workers of this process, under the lock, so that a child that the host forks can let go of
@@ -171,8 +184,8 @@ public:
                 place = &(*place)->m_next;
             }
             *place = m_next;
+            forget();
         }
-        forget();
         reap_keeper();
     }
     POSIX_WORKER(const POSIX_WORKER&) = delete;
@@ -250,6 +263,9 @@ public:
     bool read(void* buffer, std::size_t size) override {
         char* at = static_cast<char*>(buffer);
         while (size > 0) {
+            if (time_is_up()) {  // there may always be something to read
+                return false;
+            }
             const ssize_t count = ::recv(m_frames, at, size, MSG_DONTWAIT);
             if (would_block(count)) {
                 if (!wait_for_frames()) {
@@ -286,8 +302,12 @@ public:
                 break;
             }
         }
-        close_descriptor(m_control);
-        close_descriptor(m_frames);
+        // What is no keeper does not go by itself. It has its number as long as it is there.
+        if (is_keeper_there()) {
+            ::kill(m_keeper, SIGKILL);
+        }
+        const std::lock_guard<std::mutex> lock(workers_mutex());
+        forget();
         return how;
     }
 
@@ -324,6 +344,11 @@ private:
         }
         // What the worker wrote before its end is there now.
         return ::poll(descriptors.data(), 1, 0) > 0;
+    }
+
+    bool is_keeper_there() const {
+        pollfd descriptor = {m_control, 0, 0};
+        return m_keeper > 0 && ::poll(&descriptor, 1, 0) == 0;
     }
 
     bool peek(NOTE* note) const {
@@ -669,6 +694,12 @@ public:
             received = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
             std::memcpy(streams.data(), CMSG_DATA(header), received * sizeof(int));
         }
+        // Those of closed streams may have come in the places of others.
+        for (std::size_t stream = 0; stream < received; ++stream) {
+            const int came = streams[stream];
+            streams[stream] = ::fcntl(came, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+            ::close(came);
+        }
         std::size_t next = 0;
         for (int stream = 0; stream < 3; ++stream) {
             if ((there & (1 << stream)) != 0 && next < received) {
@@ -778,8 +809,7 @@ std::unique_ptr<WORKER_PROCESS> WORKER_PROCESS::start(const std::string& program
     int failure = 0;
     POSIX_WORKER::watch_forks();
     std::unique_lock<std::mutex> lock(workers_mutex());  // nothing is forked meanwhile
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, control.data()) != 0 ||
-        ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, frames.data()) != 0) {
+    if (!make_connection(control) || !make_connection(frames)) {
         failure = errno;
     } else {
         worker = std::make_unique<POSIX_WORKER>(std::exchange(control[0], -1),
