@@ -127,6 +127,12 @@ const char script_source[] =
     "def mask(data):\n"
     "    before = os.umask(0)\n"
     "    return bytearray(oct(before).encode())\n"
+    "def streams():\n"
+    "    found = ''\n"
+    "    for number in range(3):\n"
+    "        try: found += '%d ' % os.fstat(number).st_ino\n"
+    "        except OSError: found += 'closed '\n"
+    "    return found\n"
     "def line(data): return bytearray(sys.stdin.readline().encode())\n";
 
 class WorkerProcesses : public testing::Test {
@@ -396,6 +402,47 @@ TEST_F(WorkerProcesses, AProgramWithoutStandardStreamsRunsScripts) {
     EXPECT_EQ(folder.read("file"), "None");
 }
 
+TEST_F(WorkerProcesses, WhateverStreamsTheHostHasAreTheScripts) {
+    std::array<std::string, 3> files;
+    std::array<std::string, 3> numbers;
+    for (std::size_t stream = 0; stream < 3; ++stream) {
+        files[stream] = installation.folder().write("stream" + std::to_string(stream), "");
+        struct stat status = {};
+        ASSERT_EQ(::stat(files[stream].c_str(), &status), 0);
+        numbers[stream] = std::to_string(status.st_ino) + " ";
+    }
+    for (unsigned open = 0; open < 8; ++open) {
+        std::string expected;
+        for (std::size_t stream = 0; stream < 3; ++stream) {
+            expected += (open >> stream & 1) != 0 ? numbers[stream] : "closed ";
+        }
+        const int status = in_child([&] {
+            for (int stream = 0; stream < 3; ++stream) {
+                const int file = ::open(files[static_cast<std::size_t>(stream)].c_str(), O_RDWR);
+                ::dup2(file, stream);
+                ::close(file);
+            }
+            for (int stream = 0; stream < 3; ++stream) {
+                if ((open >> stream & 1) == 0) {
+                    ::close(stream);
+                }
+            }
+            // By a worker that has just been started, and by one that waited.
+            for (int count = 0; count < 3; ++count) {
+                // Without a listener, whose sockets would be where streams are closed.
+                BRIDGE_CALL bridge_call(BRIDGE(89), script, "streams");
+                const std::string found = bridge_call.run(ANSWER_FORM::KIND::text).text;
+                if (found != expected) {
+                    installation.folder().write("found", found);
+                    return count + 1;
+                }
+            }
+            return 0;
+        });
+        EXPECT_EQ(status, 0) << expected << installation.folder().read("found");
+    }
+}
+
 TEST_F(WorkerProcesses, AHostKilledAtAnyMomentLeavesNothing) {
     const std::string leaving = installation.common_script(
         "python/leaving.py", std::string(script_source) + "leave_children(b'linger')\n");
@@ -475,6 +522,34 @@ TEST_F(WorkerProcesses, WhatIsNoWorkerAndSaysSoIsRefused) {
     }
     PGM_PYTHON_SETTINGS::set_worker(worker_program);
     EXPECT_EQ(call("same"), "data");
+}
+
+TEST_F(WorkerProcesses, AWorkerThatDiesBeforeItGreetsIsReplacedWithoutAWord) {
+    // The second that is started, which is the first that waits, lives for a while and says
+    // nothing.
+    const std::string starts = installation.folder().path() + "/starts";
+    const std::string program = installation.folder().write(
+        "bin/second_dies", "#!/bin/sh\necho >>" + starts + "\n[ $(wc -l <" + starts +
+                               ") = 2 ] && { sleep 0.5; exit 1; }\nexec " + worker_program +
+                               " \"$@\"\n");
+    ::chmod(program.c_str(), 0755);
+    PGM_PYTHON_SETTINGS::set_worker(program);
+    EXPECT_EQ(call("same"), "data");
+    EXPECT_EQ(call("same"), "data");
+    EXPECT_EQ(receiver.reports, REPORTS());
+}
+
+TEST_F(WorkerProcesses, TheTimeLimitHoldsForAProgramThatDoesNotGreet) {
+    const std::string program =
+        installation.folder().write("bin/silent", "#!/bin/sh\nexec sleep 1000\n");
+    ::chmod(program.c_str(), 0755);
+    PGM_PYTHON_SETTINGS::set_worker(program);
+    PGM_PYTHON_SETTINGS::set_call_timeout(0.5);
+    EXPECT_EQ(call("same"), "no bytes");
+    EXPECT_EQ(receiver.reports,
+              (REPORTS{"error: Python worker ended in the call: time limit of 0.5 seconds",
+                       "error 20351: Fail to execute function same in file bits"}));
+    EXPECT_TRUE(mark.is_gone());
 }
 
 // ---- Programs that greet as a worker does and then say what no worker says.
