@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -124,6 +125,13 @@ const char script_source[] =
     "    os._exit(4)\n"
     "def child_signal(data):\n"
     "    return bytearray(str(int(signal.getsignal(signal.SIGCHLD) == signal.SIG_IGN)).encode())\n"
+    "def blocks_end(data):\n"
+    "    blocked = signal.pthread_sigmask(signal.SIG_BLOCK, [])\n"
+    "    return bytearray(str(signal.SIGTERM in blocked).encode())\n"
+    "def limit(data):\n"
+    "    import resource\n"
+    "    return bytearray(str(resource.getrlimit(resource.RLIMIT_NOFILE)[0]).encode())\n"
+    "def group(data): return bytearray(str(os.getegid()).encode())\n"
     "def mask(data):\n"
     "    before = os.umask(0)\n"
     "    return bytearray(oct(before).encode())\n"
@@ -225,6 +233,60 @@ TEST_F(WorkerProcesses, AMaskThatChangedSinceTheStartIsTheScripts) {
     ::umask(027);
     EXPECT_EQ(call("mask"), "0o27");
     ::umask(before);
+}
+
+TEST_F(WorkerProcesses, SignalsThatAreIgnoredSinceTheStartAreTheScripts) {
+    EXPECT_EQ(call("child_signal"), "0");
+    struct sigaction ignore = {};
+    struct sigaction before = {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGCHLD, &ignore, &before);
+    EXPECT_EQ(call("child_signal"), "1");
+    ::sigaction(SIGCHLD, &before, nullptr);
+    EXPECT_EQ(call("child_signal"), "0");
+}
+
+TEST_F(WorkerProcesses, SignalsThatTheCallersThreadBlocksAreTheScripts) {
+    std::thread([&] {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        EXPECT_EQ(call("blocks_end"), "True");
+    }).join();
+    EXPECT_EQ(call("blocks_end"), "False");
+}
+
+TEST_F(WorkerProcesses, LimitsThatChangedSinceTheStartAreTheScripts) {
+    rlimit before = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(call("limit"), std::to_string(before.rlim_cur));
+    rlimit other = before;
+    other.rlim_cur -= 7;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &other), 0);
+    EXPECT_EQ(call("limit"), std::to_string(other.rlim_cur));
+    ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(WorkerProcesses, AGroupThatChangedSinceTheStartIsTheScripts) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root changes its group";
+    }
+    EXPECT_EQ(in_child([&] {
+                  const std::string before = std::to_string(::getegid());
+                  if (call("group") != before || ::setegid(12345) != 0) {
+                      return 1;
+                  }
+                  return call("group") == "12345" ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(WorkerProcesses, AWorkerStartedInOtherSurroundingsThanItsCallsIsNotKept) {
+    const std::string own = surroundings_of_process();
+    prepare_worker(worker_program, own + "another");
+    EXPECT_FALSE(take_worker(worker_program, own + "another", false).was_waiting);
+    prepare_worker(worker_program, own);
+    EXPECT_TRUE(take_worker(worker_program, own, false).was_waiting);
 }
 
 TEST_F(WorkerProcesses, AWorkerThatDiedWhileItWaitedIsReplacedWithoutAWord) {

@@ -18,6 +18,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -38,6 +39,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -733,6 +735,35 @@ std::string kind_of_stream(int stream) {
            std::to_string(status.st_blksize);
 }
 
+// What of this thread's status a started process inherits: credentials, signals, the mask of new
+// files (asking umask itself would change it for a moment, for other threads too).
+std::string inherited_status() {
+    constexpr std::array<std::string_view, 9> names = {
+        "Umask:",  "Uid:",    "Gid:",    "Groups:",    "SigBlk:",
+        "SigIgn:", "CapPrm:", "CapEff:", "NoNewPrivs:"};
+    std::string status;
+    const int file = ::open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC);
+    std::array<char, 4096> buffer;
+    for (ssize_t count = 0; (count = ::read(file, buffer.data(), buffer.size())) > 0;) {
+        status.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    if (file >= 0) {
+        ::close(file);
+    }
+    std::string text;
+    for (std::size_t at = 0; at < status.size();) {
+        const std::size_t end = std::min(status.find('\n', at), status.size());
+        const std::string_view line = std::string_view(status).substr(at, end - at);
+        if (std::any_of(names.begin(), names.end(), [line](std::string_view name) {
+                return line.substr(0, name.size()) == name;
+            })) {
+            text.append(line) += '\n';
+        }
+        at = end + 1;
+    }
+    return text;
+}
+
 std::string find_folder_of_library() {
     Dl_info info = {};
     if (::dladdr(reinterpret_cast<void*>(&folder_of_library), &info) == 0 ||
@@ -776,13 +807,11 @@ std::string surroundings_of_process() {
     std::error_code ignored;
     text += '\0' + std::filesystem::current_path(ignored).string() + '\0' +
             std::to_string(folder.st_dev) + ':' + std::to_string(folder.st_ino) + '\0';
-    // Asking umask itself would change it for a moment, for other threads too.
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 6, "Umask:") == 0) {
-            text += line + '\0';
-            break;
-        }
+    text += inherited_status() + '\0';
+    for (int resource = 0; resource < static_cast<int>(RLIM_NLIMITS); ++resource) {
+        rlimit limit = {};
+        ::getrlimit(static_cast<decltype(RLIMIT_NOFILE)>(resource), &limit);
+        text += std::to_string(limit.rlim_cur) + ':' + std::to_string(limit.rlim_max) + '\0';
     }
     const char* const locale = std::setlocale(LC_ALL, nullptr);
     text += (locale == nullptr ? "" : locale) + std::string(1, '\0');
