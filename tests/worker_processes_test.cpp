@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <clocale>
 #include <cstdlib>
 #include <fstream>
 #include <initializer_list>
@@ -131,6 +132,9 @@ const char script_source[] =
     "def limit(data):\n"
     "    import resource\n"
     "    return bytearray(str(resource.getrlimit(resource.RLIMIT_NOFILE)[0]).encode())\n"
+    "def locale(data):\n"
+    "    import locale\n"
+    "    return bytearray(locale.setlocale(locale.LC_NUMERIC).encode())\n"
     "def group(data): return bytearray(str(os.getegid()).encode())\n"
     "def mask(data):\n"
     "    before = os.umask(0)\n"
@@ -614,6 +618,74 @@ TEST_F(WorkerProcesses, TheTimeLimitHoldsForAProgramThatDoesNotGreet) {
     EXPECT_TRUE(mark.is_gone());
 }
 
+// Throws what is reported.
+class THROWING_RECEIVER : public RECORDING_RECEIVER {
+public:
+    void line(int /*type*/, const std::string& text) override { throw text; }
+    void post(unsigned long /*number*/, const std::string& text) override { throw text; }
+};
+
+TEST_F(WorkerProcesses, AReceiverThatThrowsEndsTheCallWithAllThatItStarted) {
+    const std::string file = installation.common_script(
+        "python/throwing.py",
+        "import subprocess\n"
+        "def f():\n"
+        "    subprocess.Popen(['sleep', '1000'], start_new_session=True)\n"
+        "    raise ValueError\n");
+    const BRIDGE bridges[] = {BRIDGE(84).printing_call_failure("Fail to call it"),
+                              BRIDGE(85).posting_call_failure(),
+                              BRIDGE(86).with_late_back_channel()};
+    for (const BRIDGE& bridge : bridges) {
+        std::string thrown;
+        {
+            THROWING_RECEIVER throwing;
+            written_by([&] {
+                try {
+                    BRIDGE_CALL bridge_call(bridge, file, "f");
+                    bridge_call.run(ANSWER_FORM::KIND::ignored);
+                } catch (const std::string& text) {
+                    thrown = text;
+                }
+            });
+        }
+        EXPECT_EQ(thrown, bridge.line == 84 ? "Fail to call it"
+                                            : "Fail to execute function f in file throwing");
+        // A keeper and its worker, which wait.
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (mark.processes().size() > 2 && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        EXPECT_EQ(mark.processes().size(), 2U);
+        EXPECT_EQ(call("same"), "data");
+    }
+}
+
+TEST_F(WorkerProcesses, ALocaleThatChangedSinceTheStartIsTheScripts) {
+    const std::string before = std::setlocale(LC_ALL, nullptr);
+    std::setlocale(LC_ALL, "C");
+    EXPECT_EQ(call("locale"), "C");
+    for (const char* const other : {"C.UTF-8", "C"}) {
+        if (std::setlocale(LC_ALL, other) != nullptr) {
+            EXPECT_EQ(call("locale"), other);
+        }
+    }
+    std::setlocale(LC_ALL, before.c_str());
+}
+
+TEST_F(WorkerProcesses, TheTimeLimitHoldsWhereverAScriptLingers) {
+    PGM_PYTHON_SETTINGS::set_call_timeout(1);
+    for (const char* const source : {"import time\ntime.sleep(1000)\n",
+                                     "import atexit, time\natexit.register(time.sleep, 1000)\n"
+                                     "def same(data): return data\n"}) {
+        const std::string file = installation.common_script("python/lingering.py", source);
+        unsigned long size = 0;
+        EXPECT_EQ(PGM_PYTHON_MGR::modify_bitstream(nullptr, 0, size, file, "same", {}), nullptr);
+        EXPECT_EQ(receiver.reports.at(0),
+                  "error: Python worker ended in the call: time limit of 1 seconds");
+        receiver.reports.clear();
+    }
+}
+
 // ---- Programs that greet as a worker does and then say what no worker says.
 
 class LyingWorkers : public WorkerProcesses {
@@ -655,11 +727,14 @@ protected:
     }
 
     // Workers say this from now on, and go on to say the second, without end.
-    void say(const FRAMES& frames, const std::string& without_end = "") const {
-        const std::string once = installation.folder().write("bin/once", frames.bytes);
-        const std::string on = installation.folder().write("bin/on", without_end);
+    void say(const FRAMES& frames, const std::string& without_end = "") {
+        // Another program each time: none that waits is one of it.
+        const std::string number = std::to_string(++m_programs);
+
+        const std::string once = installation.folder().write("bin/once" + number, frames.bytes);
+        const std::string on = installation.folder().write("bin/on" + number, without_end);
         const std::string program = installation.folder().write(
-            "bin/liar",
+            "bin/liar" + number,
             "#!/bin/bash\n"
             "printf 'peek\\0\\0\\0\\0' >&3\n"
             // Ends when the host wants that.
@@ -692,6 +767,9 @@ protected:
     const BRIDGE plain = BRIDGE(90);
     const BRIDGE early = BRIDGE(91).with_early_back_channel();
     const BRIDGE late = BRIDGE(92).with_late_back_channel();
+
+private:
+    int m_programs = 0;
 };
 
 TEST_F(LyingWorkers, AListenerStartsAndEndsOnlyWhereOneIsDue) {
