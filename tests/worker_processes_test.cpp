@@ -686,6 +686,21 @@ TEST_F(WorkerProcesses, TheTimeLimitHoldsWhereverAScriptLingers) {
     }
 }
 
+TEST_F(WorkerProcesses, TheTimeLimitHoldsForAProgramThatDoesNotRead) {
+    const std::string program = installation.folder().write(
+        "bin/deaf", "#!/bin/bash\nprintf 'peek\\0\\0\\0\\0' >&3\nexec sleep 1000\n");
+    ::chmod(program.c_str(), 0755);
+    PGM_PYTHON_SETTINGS::set_worker(program);
+    PGM_PYTHON_SETTINGS::set_call_timeout(0.5);
+    EXPECT_EQ(call("same", std::string(std::size_t{64} << 20, 'x')), "no bytes");
+    EXPECT_EQ(receiver.reports.at(0),
+              "error: Python worker ended in the call: time limit of 0.5 seconds");
+    // The one that waits has no keeper either.
+    for (const pid_t process : mark.processes()) {
+        ::kill(process, SIGKILL);
+    }
+}
+
 // ---- Programs that greet as a worker does and then say what no worker says.
 
 class LyingWorkers : public WorkerProcesses {
