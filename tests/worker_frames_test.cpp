@@ -3,10 +3,41 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include "tests/support.h"
+
+namespace {
+
+// Arrays of bytes whose release is watched, and how many of them still held a secret then.
+std::vector<const void*>* watched = nullptr;
+int released_empty = 0;
+int released_full = 0;
+constexpr unsigned char secret_byte = 0xA7;
+
+}  // namespace
+
+void* operator new[](std::size_t size) {
+    if (void* const memory = std::malloc(size == 0 ? 1 : size)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+void operator delete[](void* memory) noexcept {
+    if (watched != nullptr && std::count(watched->begin(), watched->end(), memory) > 0) {
+        const bool is_full = *static_cast<const unsigned char*>(memory) == secret_byte;
+        ++(is_full ? released_full : released_empty);
+    }
+    std::free(memory);
+}
+
+void operator delete[](void* memory, std::size_t /*size*/) noexcept {
+    operator delete[](memory);
+}
 
 namespace {
 
@@ -369,6 +400,44 @@ TEST(WorkerFrames, LargeBytesAreNotCopiedOnTheirWay) {
     EXPECT_EQ(
         std::count(stream.filled.begin(), stream.filled.end(), answer.bytes.data() + beginning), 1);
     EXPECT_EQ(stream.largest_read, 3'000'000U - beginning);
+}
+
+TEST(WorkerFrames, TheBytesOfASecretAreOverwrittenWhereverTheyCame) {
+    // Where they are read to, the beginning of many too.
+    class WATCHED_STREAM : public MEMORY_STREAM {
+    public:
+        bool read(void* buffer, std::size_t size) override {
+            filled.push_back(buffer);
+            return MEMORY_STREAM::read(buffer, size);
+        }
+        std::vector<const void*> filled;
+    };
+    for (const std::size_t size : {std::size_t{32}, std::size_t{3'000'000}}) {
+        for (const bool secret : {true, false}) {
+            ANSWER sent;
+            sent.success = true;
+            sent.bytes = OWNED_BYTES(size);
+            std::memset(sent.bytes.data(), secret_byte, size);
+            WATCHED_STREAM stream;
+            stream.filled.reserve(16);
+            ASSERT_TRUE(write_answer(stream, sent));
+            released_empty = 0;
+            released_full = 0;
+            watched = &stream.filled;
+            {
+                ANSWER answer;
+                WORKER_EVENT event;
+                const ANSWER_FORM form =
+                    answer_of(secret ? ANSWER_FORM::KIND::filled_in : ANSWER_FORM::KIND::bytes);
+                EXPECT_EQ(read_from_worker(stream, form, event, answer), FRAME_OUTCOME::whole);
+                EXPECT_EQ(answer.bytes.data()[size - 1], secret_byte);
+            }
+            watched = nullptr;
+            // Of many the rest is read behind the beginning of their memory, which is copied there.
+            EXPECT_EQ(secret ? released_empty : released_full, 1) << size;
+            EXPECT_EQ(secret ? released_full : released_empty, 0) << size;
+        }
+    }
 }
 
 TEST(WorkerFrames, ATruncatedFrameIsAnEnd) {

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,12 +16,15 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <clocale>
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <random>
 #include <thread>
 
+#include "pgm/pgm_python/bridge_call.h"
 #include "pgm/pgm_python/pgm_python_mgr.h"
 #include "pgm/pgm_python/pgm_python_settings.h"
 #include "pgm/pgm_python/worker_pool.h"
@@ -122,9 +126,25 @@ const char script_source[] =
     "    os._exit(4)\n"
     "def child_signal(data):\n"
     "    return bytearray(str(int(signal.getsignal(signal.SIGCHLD) == signal.SIG_IGN)).encode())\n"
+    "def blocks_end(data):\n"
+    "    blocked = signal.pthread_sigmask(signal.SIG_BLOCK, [])\n"
+    "    return bytearray(str(signal.SIGTERM in blocked).encode())\n"
+    "def limit(data):\n"
+    "    import resource\n"
+    "    return bytearray(str(resource.getrlimit(resource.RLIMIT_NOFILE)[0]).encode())\n"
+    "def locale(data):\n"
+    "    import locale\n"
+    "    return bytearray(locale.setlocale(locale.LC_NUMERIC).encode())\n"
+    "def group(data): return bytearray(str(os.getegid()).encode())\n"
     "def mask(data):\n"
     "    before = os.umask(0)\n"
     "    return bytearray(oct(before).encode())\n"
+    "def streams():\n"
+    "    found = ''\n"
+    "    for number in range(3):\n"
+    "        try: found += '%d ' % os.fstat(number).st_ino\n"
+    "        except OSError: found += 'closed '\n"
+    "    return found\n"
     "def line(data): return bytearray(sys.stdin.readline().encode())\n";
 
 class WorkerProcesses : public testing::Test {
@@ -217,6 +237,60 @@ TEST_F(WorkerProcesses, AMaskThatChangedSinceTheStartIsTheScripts) {
     ::umask(027);
     EXPECT_EQ(call("mask"), "0o27");
     ::umask(before);
+}
+
+TEST_F(WorkerProcesses, SignalsThatAreIgnoredSinceTheStartAreTheScripts) {
+    EXPECT_EQ(call("child_signal"), "0");
+    struct sigaction ignore = {};
+    struct sigaction before = {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGCHLD, &ignore, &before);
+    EXPECT_EQ(call("child_signal"), "1");
+    ::sigaction(SIGCHLD, &before, nullptr);
+    EXPECT_EQ(call("child_signal"), "0");
+}
+
+TEST_F(WorkerProcesses, SignalsThatTheCallersThreadBlocksAreTheScripts) {
+    std::thread([&] {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        EXPECT_EQ(call("blocks_end"), "True");
+    }).join();
+    EXPECT_EQ(call("blocks_end"), "False");
+}
+
+TEST_F(WorkerProcesses, LimitsThatChangedSinceTheStartAreTheScripts) {
+    rlimit before = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(call("limit"), std::to_string(before.rlim_cur));
+    rlimit other = before;
+    other.rlim_cur -= 7;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &other), 0);
+    EXPECT_EQ(call("limit"), std::to_string(other.rlim_cur));
+    ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(WorkerProcesses, AGroupThatChangedSinceTheStartIsTheScripts) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root changes its group";
+    }
+    EXPECT_EQ(in_child([&] {
+                  const std::string before = std::to_string(::getegid());
+                  if (call("group") != before || ::setegid(12345) != 0) {
+                      return 1;
+                  }
+                  return call("group") == "12345" ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(WorkerProcesses, AWorkerStartedInOtherSurroundingsThanItsCallsIsNotKept) {
+    const std::string own = surroundings_of_process();
+    prepare_worker(worker_program, own + "another");
+    EXPECT_FALSE(take_worker(worker_program, own + "another", false).was_waiting);
+    prepare_worker(worker_program, own);
+    EXPECT_TRUE(take_worker(worker_program, own, false).was_waiting);
 }
 
 TEST_F(WorkerProcesses, AWorkerThatDiedWhileItWaitedIsReplacedWithoutAWord) {
@@ -394,6 +468,47 @@ TEST_F(WorkerProcesses, AProgramWithoutStandardStreamsRunsScripts) {
     EXPECT_EQ(folder.read("file"), "None");
 }
 
+TEST_F(WorkerProcesses, WhateverStreamsTheHostHasAreTheScripts) {
+    std::array<std::string, 3> files;
+    std::array<std::string, 3> numbers;
+    for (std::size_t stream = 0; stream < 3; ++stream) {
+        files[stream] = installation.folder().write("stream" + std::to_string(stream), "");
+        struct stat status = {};
+        ASSERT_EQ(::stat(files[stream].c_str(), &status), 0);
+        numbers[stream] = std::to_string(status.st_ino) + " ";
+    }
+    for (unsigned open = 0; open < 8; ++open) {
+        std::string expected;
+        for (std::size_t stream = 0; stream < 3; ++stream) {
+            expected += (open >> stream & 1) != 0 ? numbers[stream] : "closed ";
+        }
+        const int status = in_child([&] {
+            for (int stream = 0; stream < 3; ++stream) {
+                const int file = ::open(files[static_cast<std::size_t>(stream)].c_str(), O_RDWR);
+                ::dup2(file, stream);
+                ::close(file);
+            }
+            for (int stream = 0; stream < 3; ++stream) {
+                if ((open >> stream & 1) == 0) {
+                    ::close(stream);
+                }
+            }
+            // By a worker that has just been started, and by one that waited.
+            for (int count = 0; count < 3; ++count) {
+                // Without a listener, whose sockets would be where streams are closed.
+                BRIDGE_CALL bridge_call(BRIDGE(89), script, "streams");
+                const std::string found = bridge_call.run(ANSWER_FORM::KIND::text).text;
+                if (found != expected) {
+                    installation.folder().write("found", found);
+                    return count + 1;
+                }
+            }
+            return 0;
+        });
+        EXPECT_EQ(status, 0) << expected << installation.folder().read("found");
+    }
+}
+
 TEST_F(WorkerProcesses, AHostKilledAtAnyMomentLeavesNothing) {
     const std::string leaving = installation.common_script(
         "python/leaving.py", std::string(script_source) + "leave_children(b'linger')\n");
@@ -473,6 +588,250 @@ TEST_F(WorkerProcesses, WhatIsNoWorkerAndSaysSoIsRefused) {
     }
     PGM_PYTHON_SETTINGS::set_worker(worker_program);
     EXPECT_EQ(call("same"), "data");
+}
+
+TEST_F(WorkerProcesses, AWorkerThatDiesBeforeItGreetsIsReplacedWithoutAWord) {
+    // The second that is started, which is the first that waits, lives for a while and says
+    // nothing.
+    const std::string starts = installation.folder().path() + "/starts";
+    const std::string program = installation.folder().write(
+        "bin/second_dies", "#!/bin/sh\necho >>" + starts + "\n[ $(wc -l <" + starts +
+                               ") = 2 ] && { sleep 0.5; exit 1; }\nexec " + worker_program +
+                               " \"$@\"\n");
+    ::chmod(program.c_str(), 0755);
+    PGM_PYTHON_SETTINGS::set_worker(program);
+    EXPECT_EQ(call("same"), "data");
+    EXPECT_EQ(call("same"), "data");
+    EXPECT_EQ(receiver.reports, REPORTS());
+}
+
+TEST_F(WorkerProcesses, TheTimeLimitHoldsForAProgramThatDoesNotGreet) {
+    const std::string program =
+        installation.folder().write("bin/silent", "#!/bin/sh\nexec sleep 1000\n");
+    ::chmod(program.c_str(), 0755);
+    PGM_PYTHON_SETTINGS::set_worker(program);
+    PGM_PYTHON_SETTINGS::set_call_timeout(0.5);
+    EXPECT_EQ(call("same"), "no bytes");
+    EXPECT_EQ(receiver.reports,
+              (REPORTS{"error: Python worker ended in the call: time limit of 0.5 seconds",
+                       "error 20351: Fail to execute function same in file bits"}));
+    EXPECT_TRUE(mark.is_gone());
+}
+
+// Throws what is reported.
+class THROWING_RECEIVER : public RECORDING_RECEIVER {
+public:
+    void line(int /*type*/, const std::string& text) override { throw text; }
+    void post(unsigned long /*number*/, const std::string& text) override { throw text; }
+};
+
+TEST_F(WorkerProcesses, AReceiverThatThrowsEndsTheCallWithAllThatItStarted) {
+    const std::string file = installation.common_script(
+        "python/throwing.py",
+        "import subprocess\n"
+        "def f():\n"
+        "    subprocess.Popen(['sleep', '1000'], start_new_session=True)\n"
+        "    raise ValueError\n");
+    const BRIDGE bridges[] = {BRIDGE(84).printing_call_failure("Fail to call it"),
+                              BRIDGE(85).posting_call_failure(),
+                              BRIDGE(86).with_late_back_channel()};
+    for (const BRIDGE& bridge : bridges) {
+        std::string thrown;
+        {
+            THROWING_RECEIVER throwing;
+            written_by([&] {
+                try {
+                    BRIDGE_CALL bridge_call(bridge, file, "f");
+                    bridge_call.run(ANSWER_FORM::KIND::ignored);
+                } catch (const std::string& text) {
+                    thrown = text;
+                }
+            });
+        }
+        EXPECT_EQ(thrown, bridge.line == 84 ? "Fail to call it"
+                                            : "Fail to execute function f in file throwing");
+        // A keeper and its worker, which wait.
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (mark.processes().size() > 2 && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        EXPECT_EQ(mark.processes().size(), 2U);
+        EXPECT_EQ(call("same"), "data");
+    }
+}
+
+TEST_F(WorkerProcesses, ALocaleThatChangedSinceTheStartIsTheScripts) {
+    const std::string before = std::setlocale(LC_ALL, nullptr);
+    std::setlocale(LC_ALL, "C");
+    EXPECT_EQ(call("locale"), "C");
+    for (const char* const other : {"C.UTF-8", "C"}) {
+        if (std::setlocale(LC_ALL, other) != nullptr) {
+            EXPECT_EQ(call("locale"), other);
+        }
+    }
+    std::setlocale(LC_ALL, before.c_str());
+}
+
+TEST_F(WorkerProcesses, TheTimeLimitHoldsWhereverAScriptLingers) {
+    PGM_PYTHON_SETTINGS::set_call_timeout(1);
+    for (const char* const source : {"import time\ntime.sleep(1000)\n",
+                                     "import atexit, time\natexit.register(time.sleep, 1000)\n"
+                                     "def same(data): return data\n"}) {
+        const std::string file = installation.common_script("python/lingering.py", source);
+        unsigned long size = 0;
+        EXPECT_EQ(PGM_PYTHON_MGR::modify_bitstream(nullptr, 0, size, file, "same", {}), nullptr);
+        EXPECT_EQ(receiver.reports.at(0),
+                  "error: Python worker ended in the call: time limit of 1 seconds");
+        receiver.reports.clear();
+    }
+}
+
+TEST_F(WorkerProcesses, TheTimeLimitHoldsForAProgramThatDoesNotRead) {
+    const std::string program = installation.folder().write(
+        "bin/deaf", "#!/bin/bash\nprintf 'peek\\0\\0\\0\\0' >&3\nexec sleep 1000\n");
+    ::chmod(program.c_str(), 0755);
+    PGM_PYTHON_SETTINGS::set_worker(program);
+    PGM_PYTHON_SETTINGS::set_call_timeout(0.5);
+    EXPECT_EQ(call("same", std::string(std::size_t{64} << 20, 'x')), "no bytes");
+    EXPECT_EQ(receiver.reports.at(0),
+              "error: Python worker ended in the call: time limit of 0.5 seconds");
+    // The one that waits has no keeper either.
+    for (const pid_t process : mark.processes()) {
+        ::kill(process, SIGKILL);
+    }
+}
+
+// ---- Programs that greet as a worker does and then say what no worker says.
+
+class LyingWorkers : public WorkerProcesses {
+protected:
+    class FRAMES : public FRAME_STREAM {
+    public:
+        explicit FRAMES(std::initializer_list<FRAME_TYPE> types) {
+            for (const FRAME_TYPE type : types) {
+                add(type);
+            }
+        }
+        FRAMES& add(FRAME_TYPE type, const std::string& text = "", bool flag = false) {
+            WORKER_EVENT event;
+            event.type = type;
+            event.number = type == FRAME_TYPE::line ? MSG_TYPE_ERROR : 0;
+            event.text = text;
+            event.flag = flag;
+            write_event(*this, event);
+            return *this;
+        }
+        bool read(void* /*buffer*/, std::size_t /*size*/) override { return false; }
+        bool write(const std::vector<FRAME_PART>& parts) override {
+            for (const FRAME_PART& part : parts) {
+                if (part.size > 0) {
+                    bytes.append(static_cast<const char*>(part.data), part.size);
+                }
+            }
+            return true;
+        }
+        std::string bytes;
+    };
+
+    LyingWorkers() { PGM_PYTHON_SETTINGS::set_call_timeout(20); }
+
+    ~LyingWorkers() override {
+        for (const pid_t process : mark.processes()) {
+            ::kill(process, SIGKILL);  // none has a keeper
+        }
+    }
+
+    // Workers say this from now on, and go on to say the second, without end.
+    void say(const FRAMES& frames, const std::string& without_end = "") {
+        // Another program each time: none that waits is one of it.
+        const std::string number = std::to_string(++m_programs);
+
+        const std::string once = installation.folder().write("bin/once" + number, frames.bytes);
+        const std::string on = installation.folder().write("bin/on" + number, without_end);
+        const std::string program = installation.folder().write(
+            "bin/liar" + number,
+            "#!/bin/bash\n"
+            "printf 'peek\\0\\0\\0\\0' >&3\n"
+            // Ends when the host wants that.
+            "{ cat >/dev/null; kill -9 $$; } <&3 3>&- 4>&- &\n"
+            "exec 3>&-\n"
+            "cat <&4 >/dev/null &\n"
+            "cat " +
+                once + " >&4\n" + "while [ -s " + on + " ]; do cat " + on +
+                "; done >&4 2>/dev/null\n"
+                "exec sleep 1000\n");
+        ::chmod(program.c_str(), 0755);
+        PGM_PYTHON_SETTINGS::set_worker(program);
+    }
+
+    // How the call of a bridge ends whose worker does that.
+    std::string end_of(const BRIDGE& bridge) {
+        receiver.reports.clear();
+        BRIDGE_CALL bridge_call(bridge, script, "same");
+        EXPECT_FALSE(bridge_call.run(ANSWER_FORM::KIND::ignored).success);
+        const std::string start = "error: Python worker ended in the call: ";
+        for (const std::string& report : receiver.reports) {
+            if (report.compare(0, start.size(), start) == 0) {
+                return report.substr(start.size());
+            }
+        }
+        return "no such line";
+    }
+
+    const std::string refused = "what it sent cannot be read";
+    const BRIDGE plain = BRIDGE(90);
+    const BRIDGE early = BRIDGE(91).with_early_back_channel();
+    const BRIDGE late = BRIDGE(92).with_late_back_channel();
+
+private:
+    int m_programs = 0;
+};
+
+TEST_F(LyingWorkers, AListenerStartsAndEndsOnlyWhereOneIsDue) {
+    const THREADS_BEFORE threads_before;
+    say(FRAMES({FRAME_TYPE::taken, FRAME_TYPE::start_back_channel, FRAME_TYPE::complete}));
+    EXPECT_EQ(end_of(plain), refused);
+    EXPECT_EQ(end_of(early), refused);
+    say(FRAMES(
+        {FRAME_TYPE::taken, FRAME_TYPE::start_back_channel, FRAME_TYPE::start_back_channel}));
+    EXPECT_EQ(end_of(late), refused);
+    say(FRAMES({FRAME_TYPE::taken, FRAME_TYPE::complete}));
+    for (const BRIDGE& bridge : {plain, early, late}) {
+        EXPECT_EQ(end_of(bridge), refused);
+    }
+    EXPECT_TRUE(threads_before.are_back());
+}
+
+TEST_F(LyingWorkers, AHostIsNotEndedWithoutAnInternalError) {
+    say(FRAMES({FRAME_TYPE::taken, FRAME_TYPE::fatal_error}));
+    EXPECT_EQ(end_of(plain), refused);
+    receiver.returns_from_internal_errors = true;
+    say(FRAMES({FRAME_TYPE::taken, FRAME_TYPE::internal_error, FRAME_TYPE::line,
+                FRAME_TYPE::fatal_error}));
+    EXPECT_EQ(end_of(plain), refused);
+}
+
+TEST_F(LyingWorkers, WhatIsSaidOnceIsNotSaidAgain) {
+    const FRAMES taken({FRAME_TYPE::taken});
+    say(taken, taken.bytes);
+    EXPECT_EQ(end_of(plain), refused);
+    say(taken, FRAMES({}).add(FRAME_TYPE::stage, "bits").bytes);
+    EXPECT_EQ(end_of(plain), refused);
+    say(FRAMES({FRAME_TYPE::taken}).add(FRAME_TYPE::stage, "bits"),
+        FRAMES({}).add(FRAME_TYPE::stage, "bits", true).bytes);
+    EXPECT_EQ(end_of(plain), refused);
+    say(FRAMES({FRAME_TYPE::line}));
+    EXPECT_EQ(end_of(plain), refused);
+}
+
+TEST_F(LyingWorkers, TheTimeLimitHoldsForOneWhoNeverStops) {
+    PGM_PYTHON_SETTINGS::set_call_timeout(1);
+    FRAMES lines({});
+    for (int count = 0; count < 1000; ++count) {
+        lines.add(FRAME_TYPE::line);
+    }
+    say(FRAMES({FRAME_TYPE::taken}), lines.bytes);
+    EXPECT_EQ(end_of(plain), "time limit of 1 seconds");
 }
 
 // ---- Good calls among those whose process dies, from several threads.

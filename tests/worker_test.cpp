@@ -275,6 +275,82 @@ TEST_F(Worker, ALateBridgeIsCompletedWhetherItsWorkerEndsOrNot) {
     before.check();
 }
 
+// ---- Workers that end after the function has returned: what was reported is not reported again,
+// and what was not is.
+
+class EndingWorker : public Worker {
+protected:
+    // What the call of a bridge reports whose function does so, and whose process then ends.
+    REPORTS reports_of(const BRIDGE& bridge, const std::string& body,
+                       const std::string& start = "") {
+        const std::string ending =
+            installation.common_script("python/ending.py", start +
+                                                               "import atexit, os\n"
+                                                               "atexit.register(os._exit, 3)\n"
+                                                               "def f(): " +
+                                                               body + "\n");
+        receiver.reports.clear();
+        written_by([&] {
+            BRIDGE_CALL call(bridge, ending, "f");
+            EXPECT_FALSE(call.run(ANSWER_FORM::KIND::ignored).success);
+        });
+        before.check();
+        return receiver.reports;
+    }
+
+    const std::string end = "error: Python worker ended in the call: exit status 3";
+    const std::string failure = "error 20351: Fail to execute function f in file ending";
+};
+
+TEST_F(EndingWorker, ABridgeThatPostsItselfDoesSoOnce) {
+    constexpr BRIDGE bridge = BRIDGE(78).posting_call_failure();
+    EXPECT_EQ(reports_of(bridge, "return 1"), (REPORTS{end, failure}));
+    EXPECT_EQ(reports_of(bridge, "raise ValueError"), (REPORTS{failure, end}));
+}
+
+TEST_F(EndingWorker, ABridgeThatPrintsALineDoesSoOnce) {
+    constexpr BRIDGE bridge = BRIDGE(79).printing_call_failure("Fail to call it");
+    EXPECT_EQ(reports_of(bridge, "return 1"), (REPORTS{end, "error: Fail to call it"}));
+    EXPECT_EQ(reports_of(bridge, "raise ValueError"), (REPORTS{"error: Fail to call it", end}));
+}
+
+TEST_F(EndingWorker, AnEarlyBridgeIsCompletedOnce) {
+    constexpr BRIDGE bridge = BRIDGE(80).with_early_back_channel();
+    EXPECT_EQ(reports_of(bridge, "return 1"), (REPORTS{end, failure}));
+    EXPECT_EQ(reports_of(bridge, "raise ValueError"), (REPORTS{end, failure}));
+}
+
+TEST_F(EndingWorker, ALateBridgeFailsOnceEvenIfItWasCompletedWell) {
+    constexpr BRIDGE plain = BRIDGE(81).with_late_back_channel();
+    EXPECT_EQ(reports_of(plain, "return 1"), (REPORTS{end, failure}));
+    EXPECT_EQ(reports_of(plain, "raise ValueError"), (REPORTS{failure, end}));
+    EXPECT_EQ(reports_of(late_bridge, "return 1"),
+              (REPORTS{end, "error: Fail to call it", failure}));
+    EXPECT_EQ(reports_of(late_bridge, "raise ValueError"),
+              (REPORTS{"error: Fail to call it", failure, end}));
+}
+
+TEST_F(EndingWorker, AModuleThatCannotBeLoadedIsReportedOnce) {
+    const std::string start = "import atexit, os\natexit.register(os._exit, 3)\nraise ValueError\n";
+    EXPECT_EQ(reports_of(late_bridge, "return 1", start),
+              (REPORTS{"error: Fail to load module ending", end}));
+    EXPECT_EQ(reports_of(BRIDGE(82).with_early_back_channel(), "return 1", start),
+              (REPORTS{"error: Fail to load module ending", end, failure}));
+}
+
+TEST_F(EndingWorker, AScriptThatRanFailsOnce) {
+    for (const bool succeeds : {true, false}) {
+        const std::string ending = installation.common_script(
+            "python/ending.py", std::string("import atexit, os\natexit.register(os._exit, 3)\n") +
+                                    (succeeds ? "" : "raise ValueError\n"));
+        const char* argv[] = {ending.c_str(), nullptr};
+        receiver.reports.clear();
+        written_by([&] { EXPECT_FALSE(PGM_PYTHON_MGR::run_python_file(1, argv)); });
+        const std::string message = "error 20354: Fail to execute file " + ending;
+        EXPECT_EQ(receiver.reports, succeeds ? (REPORTS{end, message}) : (REPORTS{message, end}));
+    }
+}
+
 TEST_F(Worker, AReceiverThatThrowsEndsTheCallAndNothingElse) {
     // No module's name can be made of it.
     EXPECT_EQ(thrown_by([&] {

@@ -39,11 +39,11 @@ public:
                 FRAME_TYPE last)
         : m_settings(settings), m_form(form), m_surroundings(surroundings), m_last(last) {}
 
+    // A late listener is to be started.
+    void expect_start() { m_start_is_due = true; }
+
     // The listener runs already.
-    void expect_completion() {
-        m_channel_was_started = true;
-        m_completion_is_due = true;
-    }
+    void expect_completion() { m_completion_is_due = true; }
 
     // Makes it; `write_request` writes its request. Returns whether there is an answer, and has
     // told why there is none.
@@ -59,11 +59,11 @@ public:
             }
             WORKER_PROCESS& process = *taken.process;
             process.set_time_limit(m_settings.call_timeout);
-            if (!process.greets()) {
-                return cannot_start(program, "it does not answer as a worker of this library does");
+            const bool greeted = process.greets();
+            const bool sent = greeted && process.send_streams() && write_request(process);
+            if (greeted) {
+                prepare_worker(program, process_surroundings);
             }
-            const bool sent = process.send_streams() && write_request(process);
-            prepare_worker(program, process_surroundings);
             const FRAME_OUTCOME outcome = sent ? serve(process) : FRAME_OUTCOME::ended;
             if (outcome == FRAME_OUTCOME::whole) {
                 process.let_go();
@@ -74,6 +74,9 @@ public:
             if (taken.was_waiting && !m_taken && !time_is_up) {
                 anew = true;  // it ended while it waited
                 continue;
+            }
+            if (!greeted && !time_is_up) {
+                return cannot_start(program, "it does not answer as a worker of this library does");
             }
             print_line("Python worker ended in the call: %s",
                        outcome == FRAME_OUTCOME::refused ? "what it sent cannot be read"
@@ -90,6 +93,13 @@ public:
     // Whether the listener of a call without an answer still has to be completed.
     bool completion_is_due() const { return m_completion_is_due; }
 
+    // What of its failure the worker itself has reported, at the end of what it had come to.
+    bool has_printed_failure() const { return m_has_printed_failure; }
+    bool has_posted_failure() const { return m_has_posted_failure; }
+
+    // Whether the listener was told of a success that there is no answer of.
+    bool has_completed_well() const { return m_has_completed_well; }
+
 private:
     static bool cannot_start(const std::string& program, const std::string& reason) {
         print_line("Python worker %s cannot be started: %s", program, reason);
@@ -99,9 +109,14 @@ private:
     // Serves the worker until its answer has come.
     FRAME_OUTCOME serve(WORKER_PROCESS& process) {
         for (;;) {
+            const FRAME_TYPE before = m_event.type;
             const FRAME_OUTCOME outcome = read_from_worker(process, m_form, m_event, m_answer);
             if (outcome != FRAME_OUTCOME::whole) {
                 return outcome;
+            }
+            // That the request has been taken comes first, and once.
+            if (m_taken == (m_event.type == FRAME_TYPE::taken)) {
+                return FRAME_OUTCOME::refused;
             }
             switch (m_event.type) {
                 case FRAME_TYPE::answer:
@@ -116,13 +131,16 @@ private:
                     m_taken = true;
                     continue;
                 case FRAME_TYPE::stage:
-                    m_answer.module = m_event.text;
-                    m_answer.made = m_event.flag;
+                    if (!serve_stage()) {
+                        return FRAME_OUTCOME::refused;
+                    }
                     continue;
                 case FRAME_TYPE::line:
+                    m_has_printed_failure = true;
                     msg_line(static_cast<int>(m_event.number), m_event.text);
                     break;
                 case FRAME_TYPE::post:
+                    m_has_posted_failure = true;
                     post(m_event.number, m_event.text);
                     break;
                 case FRAME_TYPE::internal_error:
@@ -131,6 +149,9 @@ private:
                                                static_cast<int>(m_event.number));
                     break;
                 case FRAME_TYPE::fatal_error:
+                    if (before != FRAME_TYPE::internal_error) {
+                        return FRAME_OUTCOME::refused;
+                    }
                     std::abort();
                 case FRAME_TYPE::start_back_channel:
                 case FRAME_TYPE::complete:
@@ -149,17 +170,29 @@ private:
         }
     }
 
+    // Hears of the module and then of the call, each once.
+    bool serve_stage() {
+        if (m_event.text.empty() || m_answer.made || m_answer.module.empty() == m_event.flag) {
+            return false;
+        }
+        m_answer.module = m_event.text;
+        m_answer.made = m_event.flag;
+        m_has_printed_failure = false;
+        return true;
+    }
+
     // Starts and completes a late back channel, each once and in this order.
     bool serve_back_channel() {
         const bool starts = m_event.type == FRAME_TYPE::start_back_channel;
-        if (m_completion_is_due == starts || (starts && m_channel_was_started)) {
+        if (!(starts ? m_start_is_due : m_completion_is_due)) {
             return false;
         }
+        m_start_is_due = false;
         m_completion_is_due = starts;
         if (starts) {
-            m_channel_was_started = true;
             m_announced_channel = m_surroundings.start_back_channel();
         } else {
+            m_has_completed_well = m_event.flag;
             m_surroundings.complete(m_event.flag, m_event.text, m_event.module);
         }
         return true;
@@ -180,23 +213,30 @@ private:
     ANSWER m_answer;
     std::string m_announced_channel;  // which the next reply tells
     bool m_taken = false;
-    bool m_channel_was_started = false;
+    bool m_start_is_due = false;
     bool m_completion_is_due = false;
+    bool m_has_printed_failure = false;
+    bool m_has_posted_failure = false;
+    bool m_has_completed_well = false;
 };
 
-// What a bridge reports of a call that failed where the worker's ended.
-void report_failed_call(const CALL_REQUEST& request, const ANSWER& answer) {
+// What a bridge reports of a call that failed where the worker's ended, save for what has been.
+void report_failed_call(const CALL_REQUEST& request, const ANSWER& answer,
+                        const HOSTED_CALL& call) {
     if (answer.module.empty()) {
         return;
     }
     if (!answer.made) {
-        print_line("Fail to load module %s", answer.module);
+        if (!call.has_printed_failure()) {
+            print_line("Fail to load module %s", answer.module);
+        }
         return;
     }
-    if (request.bridge.call_failure != nullptr) {
+    if (request.bridge.call_failure != nullptr && !call.has_printed_failure()) {
         print_line("%s", request.bridge.call_failure);
     }
-    if (request.bridge.posts_call_failure) {
+    if (call.has_completed_well() ||
+        (request.bridge.posts_call_failure && !call.has_posted_failure())) {
         post_and_release(make_execution_failure_msg(request.function, answer.module));
     }
 }
@@ -205,6 +245,9 @@ void report_failed_call(const CALL_REQUEST& request, const ANSWER& answer) {
 
 ANSWER walk_road_in_worker(const CALL_REQUEST& request, ROAD_SURROUNDINGS& surroundings) {
     HOSTED_CALL call(request.settings, request.form, surroundings, FRAME_TYPE::answer);
+    if (request.bridge.back_channel == BACK_CHANNEL_PLACEMENT::late) {
+        call.expect_start();
+    }
     const SUITE_FOLDERS folders = suite_folders();
     if (call.make([&](FRAME_STREAM& stream) { return write_call(stream, request, folders); })) {
         return call.taken_answer();
@@ -212,7 +255,7 @@ ANSWER walk_road_in_worker(const CALL_REQUEST& request, ROAD_SURROUNDINGS& surro
     ANSWER answer = call.taken_answer();
     answer.success = false;
     answer.bytes = OWNED_BYTES();
-    report_failed_call(request, answer);
+    report_failed_call(request, answer, call);
     if (answer.module.empty()) {
         // The completion of an early bridge names it.
         answer.module = std::filesystem::u8path(request.script).stem().u8string();
@@ -235,6 +278,8 @@ bool walk_run_in_worker(const RUN_REQUEST& request, ROAD_SURROUNDINGS& surroundi
     }
     if (call.completion_is_due()) {
         surroundings.complete(false, "", request.arguments.at(0));
+    } else if (call.has_completed_well()) {
+        post_and_release(make_execution_failure_file_msg(request.arguments.at(0)));
     }
     return false;
 }

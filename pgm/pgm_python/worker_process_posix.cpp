@@ -18,6 +18,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -39,6 +40,7 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -160,6 +162,19 @@ std::string text_of_status(int status) {
 
 // ---- The host's side.
 
+// Connects two sockets; false with errno. The near one is not in the place of a standard stream
+// that the host has closed.
+bool make_connection(std::array<int, 2>& ends) {
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        return false;
+    }
+    if (ends[0] <= STDERR_FILENO) {
+        const int near = ::fcntl(ends[0], F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        ::close(std::exchange(ends[0], near));
+    }
+    return ends[0] >= 0;
+}
+
 class POSIX_WORKER;
 
 // The workers of this process, under the lock, so that a child that the host forks can let go of
@@ -182,8 +197,8 @@ public:
                 place = &(*place)->m_next;
             }
             *place = m_next;
+            forget();
         }
-        forget();
         reap_keeper();
     }
     POSIX_WORKER(const POSIX_WORKER&) = delete;
@@ -262,6 +277,9 @@ public:
         use_large_pages(buffer, size);
         char* at = static_cast<char*>(buffer);
         while (size > 0) {
+            if (time_is_up()) {  // there may always be something to read
+                return false;
+            }
             const ssize_t count = ::recv(m_frames, at, size, MSG_DONTWAIT);
             if (would_block(count)) {
                 if (!wait_for_frames()) {
@@ -298,8 +316,12 @@ public:
                 break;
             }
         }
-        close_descriptor(m_control);
-        close_descriptor(m_frames);
+        // What is no keeper does not go by itself. It has its number as long as it is there.
+        if (is_keeper_there()) {
+            ::kill(m_keeper, SIGKILL);
+        }
+        const std::lock_guard<std::mutex> lock(workers_mutex());
+        forget();
         return how;
     }
 
@@ -336,6 +358,11 @@ private:
         }
         // What the worker wrote before its end is there now.
         return ::poll(descriptors.data(), 1, 0) > 0;
+    }
+
+    bool is_keeper_there() const {
+        pollfd descriptor = {m_control, 0, 0};
+        return m_keeper > 0 && ::poll(&descriptor, 1, 0) == 0;
     }
 
     bool peek(NOTE* note) const {
@@ -682,6 +709,12 @@ public:
             received = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
             std::memcpy(streams.data(), CMSG_DATA(header), received * sizeof(int));
         }
+        // Those of closed streams may have come in the places of others.
+        for (std::size_t stream = 0; stream < received; ++stream) {
+            const int came = streams[stream];
+            streams[stream] = ::fcntl(came, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+            ::close(came);
+        }
         std::size_t next = 0;
         for (int stream = 0; stream < 3; ++stream) {
             if ((there & (1 << stream)) != 0 && next < received) {
@@ -713,6 +746,35 @@ std::string kind_of_stream(int stream) {
     }
     return std::to_string(status.st_mode & S_IFMT) + (::isatty(stream) != 0 ? "t" : "") + "b" +
            std::to_string(status.st_blksize);
+}
+
+// What of this thread's status a started process inherits: credentials, signals, the mask of new
+// files (asking umask itself would change it for a moment, for other threads too).
+std::string inherited_status() {
+    constexpr std::array<std::string_view, 9> names = {
+        "Umask:",  "Uid:",    "Gid:",    "Groups:",    "SigBlk:",
+        "SigIgn:", "CapPrm:", "CapEff:", "NoNewPrivs:"};
+    std::string status;
+    const int file = ::open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC);
+    std::array<char, 4096> buffer;
+    for (ssize_t count = 0; (count = ::read(file, buffer.data(), buffer.size())) > 0;) {
+        status.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    if (file >= 0) {
+        ::close(file);
+    }
+    std::string text;
+    for (std::size_t at = 0; at < status.size();) {
+        const std::size_t end = std::min(status.find('\n', at), status.size());
+        const std::string_view line = std::string_view(status).substr(at, end - at);
+        if (std::any_of(names.begin(), names.end(), [line](std::string_view name) {
+                return line.substr(0, name.size()) == name;
+            })) {
+            text.append(line) += '\n';
+        }
+        at = end + 1;
+    }
+    return text;
 }
 
 std::string find_folder_of_library() {
@@ -758,13 +820,11 @@ std::string surroundings_of_process() {
     std::error_code ignored;
     text += '\0' + std::filesystem::current_path(ignored).string() + '\0' +
             std::to_string(folder.st_dev) + ':' + std::to_string(folder.st_ino) + '\0';
-    // Asking umask itself would change it for a moment, for other threads too.
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 6, "Umask:") == 0) {
-            text += line + '\0';
-            break;
-        }
+    text += inherited_status() + '\0';
+    for (int resource = 0; resource < static_cast<int>(RLIM_NLIMITS); ++resource) {
+        rlimit limit = {};
+        ::getrlimit(static_cast<decltype(RLIMIT_NOFILE)>(resource), &limit);
+        text += std::to_string(limit.rlim_cur) + ':' + std::to_string(limit.rlim_max) + '\0';
     }
     const char* const locale = std::setlocale(LC_ALL, nullptr);
     text += (locale == nullptr ? "" : locale) + std::string(1, '\0');
@@ -791,8 +851,7 @@ std::unique_ptr<WORKER_PROCESS> WORKER_PROCESS::start(const std::string& program
     int failure = 0;
     POSIX_WORKER::watch_forks();
     std::unique_lock<std::mutex> lock(workers_mutex());  // nothing is forked meanwhile
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, control.data()) != 0 ||
-        ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, frames.data()) != 0) {
+    if (!make_connection(control) || !make_connection(frames)) {
         failure = errno;
     } else {
         worker = std::make_unique<POSIX_WORKER>(std::exchange(control[0], -1),

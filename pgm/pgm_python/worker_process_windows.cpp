@@ -145,6 +145,7 @@ public:
             m_greeted = read_all(m_output.get(), &word, sizeof word) && word == greeting;
             if (!has_limit) {
                 stop_timer();
+                m_time_is_up = false;  // the call has no limit
             }
         }
         return m_greeted;
