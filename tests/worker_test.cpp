@@ -338,6 +338,26 @@ TEST_F(EndingWorker, AModuleThatCannotBeLoadedIsReportedOnce) {
               (REPORTS{"error: Fail to load module ending", end, failure}));
 }
 
+TEST_F(EndingWorker, ManyBytesThatCameAheadOfTheAnswerAreDropped) {
+    const std::string ending = installation.common_script("python/ending.py",
+                                                          "import atexit, os\n"
+                                                          "def f():\n"
+                                                          "    atexit.register(os._exit, 3)\n"
+                                                          "    return bytearray(5000000)\n"
+                                                          "def g(): return bytearray(5000000)\n");
+    BRIDGE_CALL good(BRIDGE(83), ending, "g");
+    const ANSWER whole = good.run(ANSWER_FORM::KIND::bytes);
+    EXPECT_TRUE(whole.success);
+    EXPECT_EQ(whole.bytes.size(), 5000000U);
+    EXPECT_EQ(receiver.reports, REPORTS());
+    BRIDGE_CALL call(BRIDGE(83), ending, "f");
+    const ANSWER answer = call.run(ANSWER_FORM::KIND::bytes);
+    EXPECT_FALSE(answer.success);
+    EXPECT_EQ(answer.bytes.data(), nullptr);
+    EXPECT_EQ(receiver.reports, REPORTS{end});
+    before.check();
+}
+
 TEST_F(EndingWorker, AScriptThatRanFailsOnce) {
     for (const bool succeeds : {true, false}) {
         const std::string ending = installation.common_script(
