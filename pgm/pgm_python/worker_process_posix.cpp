@@ -443,7 +443,8 @@ void drop_signal_handlers() {
     }
 }
 
-int become_keeper(void* argument) {
+// The address sanitizer knows nothing of the stacks on which these two leave.
+[[gnu::no_sanitize_address]] int become_keeper(void* argument) {
     START& start = *static_cast<START*>(argument);
     // Out of the way first: the host's descriptors may have any numbers, those of closed standard
     // streams too.
@@ -471,7 +472,7 @@ int become_keeper(void* argument) {
     ::_exit(1);
 }
 
-int become_nobodys_parent(void* argument) {
+[[gnu::no_sanitize_address]] int become_nobodys_parent(void* argument) {
     START& start = *static_cast<START*>(argument);
     const int keeper =
         ::clone(become_keeper, start.inner_stack, CLONE_VM | CLONE_VFORK | SIGCHLD, argument);
@@ -791,9 +792,18 @@ std::string find_folder_of_library() {
     return error ? std::string() : file.parent_path().string();
 }
 
-// Found when the library is loaded: its name may be relative to the folder of then. Never
-// destroyed, for calls that go on while the process ends.
-const std::string& folder_at_load = *new std::string(find_folder_of_library());
+// Found when the library is loaded: its name may be relative to the folder of then. Plain bytes,
+// for calls that go on while the process ends.
+struct FOLDER_AT_LOAD {
+    FOLDER_AT_LOAD() {
+        const std::string folder = find_folder_of_library();
+        if (folder.size() < text.size()) {
+            folder.copy(text.data(), folder.size());
+        }
+    }
+    std::array<char, PATH_MAX> text = {};
+};
+const FOLDER_AT_LOAD folder_at_load;
 
 }  // namespace
 
@@ -835,7 +845,7 @@ std::string surroundings_of_process() {
 }
 
 std::string folder_of_library() {
-    return folder_at_load;
+    return folder_at_load.text.data();
 }
 
 bool is_program(const std::string& file) {
