@@ -134,6 +134,31 @@ TEST_F(PyEval, StatementsRunInTheMainModule) {
     EXPECT_EQ(text_of("same"), "__main__");
 }
 
+TEST_F(PyEval, AStatementMayComeAgainAndAgain) {
+    const SESSION session;
+    EXPECT_TRUE(py_eval("count = 0"));
+    for (int round = 0; round < 3; ++round) {
+        for (int step = 0; step < 150; ++step) {
+            EXPECT_TRUE(py_eval(("count += " + std::to_string(step)).c_str()));
+        }
+        EXPECT_NE(written_by([] {
+                      EXPECT_FALSE(py_eval("count += unknown"));
+                  }).find("NameError: name 'unknown' is not defined"),
+                  std::string::npos);
+    }
+    EXPECT_TRUE(py_eval("assert count == 3 * sum(range(150)), count"));
+}
+
+#if PY_VERSION_HEX >= 0x03080000
+TEST_F(PyEval, BuiltinsAreThereAgainAfterTheirNameWasDeleted) {
+    const SESSION session;
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(py_eval("assert len('text') == 4"));
+        EXPECT_TRUE(py_eval("del __builtins__"));
+    }
+}
+#endif
+
 TEST_F(PyEval, AnExceptionIsPrintedAsPythonPrintsIt) {
     const SESSION session;
     EXPECT_EQ(failure_of("1/0"), division_by_zero);

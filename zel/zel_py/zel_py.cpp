@@ -3,6 +3,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -380,6 +381,78 @@ bool set_script_arguments(int argc, const char** argv) {
     return list && PySys_SetObject("argv", list.get()) == 0;
 }
 
+// What is kept for the statements of an interpreter, out of scripts' sight; null where there is
+// none.
+PyObject* interpreter_store() {
+#if PY_VERSION_HEX >= 0x03080000
+    return PyInterpreterState_GetDict(PyThreadState_Get()->interp);
+#else
+    return PyThreadState_GetDict();
+#endif
+}
+
+// The codes of statements that have been compiled, by their texts: in an interpreter that goes on
+// the same ones come in every session. Null, with no exception pending, where they cannot be kept.
+PyObject* kept_codes() {
+    static constexpr char own_name[] = "zel_py.statements";
+    constexpr Py_ssize_t most = 100;
+    PyObject* const store = interpreter_store();
+    PyObject* const found = store == nullptr ? nullptr : PyDict_GetItemString(store, own_name);
+    if (found != nullptr && PyDict_Size(found) < most) {
+        return found;
+    }
+    const PY_REFERENCE made = PY_REFERENCE::owned(store == nullptr ? nullptr : PyDict_New());
+    const bool is_kept = made && PyDict_SetItemString(store, own_name, made.get()) == 0;
+    PyErr_Clear();
+    return is_kept ? made.get() : nullptr;
+}
+
+PY_REFERENCE compiled(const char* statement) {
+    // The text is UTF-8, whatever a coding cookie in it says.
+    PyCompilerFlags flags = {};
+    flags.cf_flags = PyCF_SOURCE_IS_UTF8 | PyCF_IGNORE_COOKIE;
+#if PY_VERSION_HEX >= 0x03080000
+    flags.cf_feature_version = PY_MINOR_VERSION;
+#endif
+    return PY_REFERENCE::owned(
+        Py_CompileStringExFlags(statement, "<string>", Py_file_input, &flags, -1));
+}
+
+// The code of a statement; null with an exception pending when it has none.
+PY_REFERENCE code_of(const char* statement) {
+    constexpr std::size_t longest_kept = 1000;
+    const PY_REFERENCE text = PY_REFERENCE::owned(
+        std::strlen(statement) <= longest_kept ? PyUnicode_FromString(statement) : nullptr);
+    PyErr_Clear();  // what is no UTF-8 is told as it is compiled
+    PyObject* const codes = text ? kept_codes() : nullptr;
+    if (codes == nullptr) {
+        return compiled(statement);
+    }
+    if (PyObject* const code = PyDict_GetItem(codes, text.get())) {
+        return PY_REFERENCE::borrowed(code);
+    }
+    PY_REFERENCE code = compiled(statement);
+    if (code && PyDict_SetItem(codes, text.get(), code.get()) != 0) {
+        PyErr_Clear();
+    }
+    return code;
+}
+
+// What Python does before it runs a text's code; false with an exception pending.
+bool may_be_run(PyObject* code, PyObject* names) {
+#if PY_VERSION_HEX >= 0x03080000
+    if (PyDict_GetItemString(names, "__builtins__") == nullptr &&
+        PyDict_SetItemString(names, "__builtins__", PyEval_GetBuiltins()) != 0) {
+        return false;
+    }
+    return PySys_Audit("exec", "O", code) == 0;
+#else
+    static_cast<void>(code);
+    static_cast<void>(names);
+    return true;
+#endif
+}
+
 }  // namespace
 
 void py_initialize() {
@@ -460,14 +533,10 @@ bool py_eval(const char* statement) {
         return end_main_program();
     }
     PyObject* const names = PyModule_GetDict(main_module);
-    // The text is UTF-8, whatever a coding cookie in it says.
-    PyCompilerFlags flags = {};
-    flags.cf_flags = PyCF_SOURCE_IS_UTF8 | PyCF_IGNORE_COOKIE;
-#if PY_VERSION_HEX >= 0x03080000
-    flags.cf_feature_version = PY_MINOR_VERSION;
-#endif
-    const PY_REFERENCE result =
-        PY_REFERENCE::owned(PyRun_StringFlags(statement, Py_file_input, names, names, &flags));
+    const PY_REFERENCE code = code_of(statement);
+    const PY_REFERENCE result = PY_REFERENCE::owned(code && may_be_run(code.get(), names)
+                                                        ? PyEval_EvalCode(code.get(), names, names)
+                                                        : nullptr);
     return result || end_main_program();
 }
 
