@@ -21,20 +21,11 @@ void require_or_print(bool condition, const CHECK& check) {
     }
 }
 
-// What outlives the sessions of an interpreter, out of scripts' sight; null where there is none.
-PyObject* interpreter_store() {
-#if PY_VERSION_HEX >= 0x03080000
-    return PyInterpreterState_GetDict(PyThreadState_Get()->interp);
-#else
-    return PyThreadState_GetDict();
-#endif
-}
-
 // The names that session_order.py makes; null with an exception pending when that fails. Compiling
 // and running it takes longer than a session, so that it is done once in an interpreter.
 PY_REFERENCE order_names() {
     static constexpr char own_name[] = "pgm_python.session_order";
-    PyObject* const store = interpreter_store();
+    PyObject* const store = py_interpreter_store();
     if (PyObject* const made = store == nullptr ? nullptr : PyDict_GetItemString(store, own_name)) {
         return PY_REFERENCE::borrowed(made);
     }

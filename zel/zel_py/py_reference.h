@@ -54,4 +54,14 @@ private:
     PyObject* m_object = nullptr;
 };
 
+// What is kept in the interpreter in force, by names of its owners and out of scripts' sight: a
+// dictionary that goes with it (in Python 3.7 with the thread), borrowed. Null where there is none.
+inline PyObject* py_interpreter_store() {
+#if PY_VERSION_HEX >= 0x03080000
+    return PyInterpreterState_GetDict(PyThreadState_Get()->interp);
+#else
+    return PyThreadState_GetDict();
+#endif
+}
+
 #endif

@@ -381,22 +381,12 @@ bool set_script_arguments(int argc, const char** argv) {
     return list && PySys_SetObject("argv", list.get()) == 0;
 }
 
-// What is kept for the statements of an interpreter, out of scripts' sight; null where there is
-// none.
-PyObject* interpreter_store() {
-#if PY_VERSION_HEX >= 0x03080000
-    return PyInterpreterState_GetDict(PyThreadState_Get()->interp);
-#else
-    return PyThreadState_GetDict();
-#endif
-}
-
 // The codes of statements that have been compiled, by their texts: in an interpreter that goes on
 // the same ones come in every session. Null, with no exception pending, where they cannot be kept.
 PyObject* kept_codes() {
     static constexpr char own_name[] = "zel_py.statements";
     constexpr Py_ssize_t most = 100;
-    PyObject* const store = interpreter_store();
+    PyObject* const store = py_interpreter_store();
     PyObject* const found = store == nullptr ? nullptr : PyDict_GetItemString(store, own_name);
     if (found != nullptr && PyDict_Size(found) < most) {
         return found;
