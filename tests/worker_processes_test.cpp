@@ -75,6 +75,21 @@ public:
         return true;
     }
 
+    // Ends those that no keeper ends. One that is about to become another program has no
+    // environment for a moment, and what it holds open of this process's would be waited for.
+    void end_all() const {
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        for (int looks = 0; looks < 5 && std::chrono::steady_clock::now() < limit;) {
+            const std::vector<pid_t> left = processes();
+            looks = left.empty() ? looks + 1 : 0;
+            for (const pid_t process : left) {
+                ::kill(process, SIGKILL);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_TRUE(processes().empty());
+    }
+
     static std::string read(const std::filesystem::path& path) {
         std::ifstream file(path, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
@@ -583,9 +598,7 @@ TEST_F(WorkerProcesses, WhatIsNoWorkerAndSaysSoIsRefused) {
     EXPECT_EQ(call("same"), "no bytes");
     EXPECT_EQ(receiver.reports.at(0),
               "error: Python worker ended in the call: what it sent cannot be read");
-    for (const pid_t process : mark.processes()) {
-        ::kill(process, SIGKILL);  // has no keeper
-    }
+    mark.end_all();
     PGM_PYTHON_SETTINGS::set_worker(worker_program);
     EXPECT_EQ(call("same"), "data");
 }
@@ -695,10 +708,7 @@ TEST_F(WorkerProcesses, TheTimeLimitHoldsForAProgramThatDoesNotRead) {
     EXPECT_EQ(call("same", std::string(std::size_t{64} << 20, 'x')), "no bytes");
     EXPECT_EQ(receiver.reports.at(0),
               "error: Python worker ended in the call: time limit of 0.5 seconds");
-    // The one that waits has no keeper either.
-    for (const pid_t process : mark.processes()) {
-        ::kill(process, SIGKILL);
-    }
+    mark.end_all();  // the one that waits, too
 }
 
 // ---- Programs that greet as a worker does and then say what no worker says.
@@ -735,11 +745,7 @@ protected:
 
     LyingWorkers() { PGM_PYTHON_SETTINGS::set_call_timeout(20); }
 
-    ~LyingWorkers() override {
-        for (const pid_t process : mark.processes()) {
-            ::kill(process, SIGKILL);  // none has a keeper
-        }
-    }
+    ~LyingWorkers() override { mark.end_all(); }
 
     // Workers say this from now on, and go on to say the second, without end.
     void say(const FRAMES& frames, const std::string& without_end = "") {
@@ -751,6 +757,7 @@ protected:
         const std::string program = installation.folder().write(
             "bin/liar" + number,
             "#!/bin/bash\n"
+            "exec >/dev/null 2>&1\n"
             "printf 'peek\\0\\0\\0\\0' >&3\n"
             // Ends when the host wants that.
             "{ cat >/dev/null; kill -9 $$; } <&3 3>&- 4>&- &\n"
