@@ -757,7 +757,7 @@ std::string inherited_status() {
         "SigIgn:", "CapPrm:", "CapEff:", "NoNewPrivs:"};
     std::string status;
     const int file = ::open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC);
-    std::array<char, 4096> buffer;
+    std::array<char, 4096> buffer = {};
     for (ssize_t count = 0; (count = ::read(file, buffer.data(), buffer.size())) > 0;) {
         status.append(buffer.data(), static_cast<std::size_t>(count));
     }
