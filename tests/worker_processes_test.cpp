@@ -558,17 +558,25 @@ TEST_F(WorkerProcesses, TheChildrenOfACallThatTakesTooLongEndWithIt) {
 
 TEST_F(WorkerProcesses, WhatAScriptLeavesRunningRunsOnAsInProcess) {
     EXPECT_EQ(call("leave_children", "go"), "go");
-    int sleeping = 0;
-    for (const pid_t process : mark.processes()) {
-        const std::string command = MARK::read("/proc/" + std::to_string(process) + "/cmdline");
-        if (command.compare(0, 5, "sleep") == 0) {
-            ++sleeping;
+    const auto sleepers = [this] {
+        std::vector<pid_t> found;
+        for (const pid_t process : mark.processes()) {
+            if (MARK::read("/proc/" + std::to_string(process) + "/cmdline").rfind("sleep", 0) ==
+                0) {
+                found.push_back(process);
+            }
         }
-        if (command.compare(0, 5, "sleep") == 0 || command.compare(0, 2, "sh") == 0) {
-            ::kill(process, SIGKILL);
-        }
+        return found;
+    };
+    // The shell starts two of the four in its own time.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (sleepers().size() < 4 && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    EXPECT_GE(sleeping, 3);
+    EXPECT_EQ(sleepers().size(), 4U);
+    for (const pid_t process : sleepers()) {
+        ::kill(process, SIGKILL);
+    }
 }
 
 TEST_F(WorkerProcesses, AForkedScriptAnswersOnce) {
