@@ -29,11 +29,7 @@ constexpr std::size_t most = 2048;
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool first_thread_made = [] {
-        std::thread([] {}).join();  // what the process keeps of its first thread is there now
-        return true;
-    }();
-    MUST_HOLD(first_thread_made);
+    make_first_thread();
     FUZZ_INPUT input(data, size);
     const std::size_t ending = input.below(endings);
     const std::size_t right_bytes = input.byte();
