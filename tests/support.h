@@ -257,14 +257,6 @@ BACKLOG backlog();
 unsigned int port_of(const std::string& announced);
 std::string word_of(const std::string& announced);
 
-// Whether a client can tell a connection that was broken off before it sent anything from one that
-// ended. Wine does not tell.
-#if defined(_WIN32)
-constexpr bool platform_tells_break_offs = false;
-#else
-constexpr bool platform_tells_break_offs = true;
-#endif
-
 // A client of the back channel. It waits for no more than ten seconds to send or to receive.
 class CLIENT {
 public:
@@ -290,6 +282,10 @@ public:
 
     // The same where the other side may have gone without accepting, which resets the connection.
     bool sees_end_or_reset() const;
+
+    // Waits until the other side has broken off; true when it did so without sending anything.
+    // Wine ends a connection before it breaks it off, so there an end counts, too.
+    bool sees_break_off() const;
 
 private:
     std::size_t m_socket;

@@ -279,6 +279,11 @@ bool CLIENT::sees_end_or_reset() const {
     return count == 0 || (count < 0 && errno == ECONNRESET);
 }
 
+bool CLIENT::sees_break_off() const {
+    char byte;
+    return ::recv(static_cast<int>(m_socket), &byte, 1, 0) < 0 && errno == ECONNRESET;
+}
+
 std::string utf8_output_setting() {
     return "LC_ALL=C.UTF-8";
 }

@@ -361,6 +361,10 @@ bool CLIENT::sees_end_or_reset() const {
     return count == 0 || (count == SOCKET_ERROR && ::WSAGetLastError() == WSAECONNRESET);
 }
 
+bool CLIENT::sees_break_off() const {
+    return sees_end_or_reset();
+}
+
 std::string utf8_output_setting() {
     return "PYTHONIOENCODING=utf-8";
 }
