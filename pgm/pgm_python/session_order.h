@@ -46,8 +46,14 @@ private:
     // Calls a method of the object in Python; null with an exception pending when it fails.
     PY_REFERENCE call(const char* method, PyObject* argument = nullptr) const;
 
+    // Makes m_environment what the process's environment is; false with an exception pending when
+    // that fails.
+    bool look_at_environment();
+
     PY_REFERENCE m_order;
     PY_REFERENCE m_context;
+    std::vector<std::string> m_entries;  // the environment when it was looked at last,
+    PY_REFERENCE m_environment;          // as a list of bytes
 };
 
 #endif

@@ -16,7 +16,6 @@ import atexit
 import builtins
 import gc
 import io
-import operator
 import os
 import warnings
 
@@ -53,8 +52,9 @@ def names_of(module):
 class KEPT_NAMES:
     """The names of a module as they are, with what its lists and dictionaries hold."""
 
-    def __init__(self, names, without=()):
+    def __init__(self, names, same_objects, without=()):
         self.names = names
+        self.same_objects = same_objects
         self.without = frozenset(without)
         self.values = dict(names)
         self.contents = [(value, type(value)(value)) for name, value in names.items()
@@ -69,13 +69,14 @@ class KEPT_NAMES:
         return []
 
     def put_back(self):
-        if not same_names(self.names, self.values):
+        if not self.same_objects(self.names, self.values):
             self.put_back_names()
         for value, content in self.contents:
+            if self.same_objects(value, content):
+                continue
             if type(value) is list:
-                if len(value) != len(content) or not all(map(operator.is_, value, content)):
-                    value[:] = content
-            elif not same_names(value, content):
+                value[:] = content
+            else:
                 value.clear()
                 value.update(content)
 
@@ -87,12 +88,6 @@ class KEPT_NAMES:
             if name not in self.without and (name not in self.names or
                                              self.names[name] is not value):
                 self.names[name] = value
-
-
-def same_names(names, others):
-    """Whether two dictionaries hold the same objects by the same names, in one order."""
-    return (len(names) == len(others) and all(map(operator.is_, names.values(), others.values()))
-            and list(names) == list(others))
 
 
 class EXITS:
@@ -199,10 +194,6 @@ def new_stream(name, number, form):
     """A standard stream as Python makes it at its start."""
     unbuffered, encoding, errors = form
     writes = number > 0
-    try:
-        os.fstat(number)
-    except OSError:
-        return None
     unbuffered = writes and unbuffered
     try:
         raw = binary = io.open(number, "wb" if writes else "rb", 0 if unbuffered else -1,
@@ -299,11 +290,13 @@ def set_time_zone():
 class ORDER:
     """What an interpreter is to be like between sessions.
 
-    `kept` tells an interpreter of the library's own from a host's.
+    `kept` tells an interpreter of the library's own from a host's. `same_objects` is the library's
+    function that tells whether two lists or dictionaries hold the same objects.
     """
 
-    def __init__(self, kept):
+    def __init__(self, kept, same_objects):
         self.kept = kept
+        self.same_objects = same_objects
         self.exits = EXITS(self)
         self.failures = []
         self.environment_object = os.environ
@@ -340,16 +333,16 @@ class ORDER:
         self.modules = dict(MODULES)
         self.folders = tuple(filter(None, map(folder_of, sys.path)))
         self.sys_names = KEPT_NAMES(
-            names_of(sys), ("modules", "path_importer_cache") +
+            names_of(sys), self.same_objects, ("modules", "path_importer_cache") +
             (("stdin", "stdout", "stderr", "__stdin__", "__stdout__", "__stderr__")
              if self.kept else ()))
         self.current = {name: getattr(sys, "__%s__" % name, None) for name, _ in STREAMS}
         self.stream_forms = {name: form_of(stream) for name, stream in self.current.items()}
         self.path_importer_cache = sys.path_importer_cache
         self.cached_paths = dict(sys.path_importer_cache)
-        self.builtins_names = KEPT_NAMES(names_of(builtins))
-        self.os_names = KEPT_NAMES(names_of(os))
-        self.warnings_names = KEPT_NAMES(names_of(warnings),
+        self.builtins_names = KEPT_NAMES(names_of(builtins), self.same_objects)
+        self.os_names = KEPT_NAMES(names_of(os), self.same_objects)
+        self.warnings_names = KEPT_NAMES(names_of(warnings), self.same_objects,
                                          ("_filters_version", "onceregistry"))
         self.recursion_limit = sys.getrecursionlimit()
         self.switch_interval = sys.getswitchinterval()
@@ -949,10 +942,13 @@ class ORDER:
         signals = MODULES.get("_signal")
         if signals is None or "signal" not in MODULES:
             return None
+        getsignal = signals.getsignal
+        if hasattr(signals, "valid_signals"):  # since Python 3.8
+            return {number: getsignal(number) for number in signals.valid_signals()}
         handlers = {}
         for number in range(1, signals.NSIG):
             try:
-                handlers[number] = signals.getsignal(number)
+                handlers[number] = getsignal(number)
             except ValueError:
                 pass
         return handlers

@@ -25,9 +25,12 @@ struct NOTED {
 std::array<NOTED, signal_numbers> noted;
 
 bool same(const struct sigaction& one, const struct sigaction& other) {
+    // What lies behind the bits of the signals is not set.
+    constexpr std::size_t mask_size = (signal_numbers - 1 + 7) / 8;
+    static_assert(mask_size <= sizeof(one.sa_mask));
     // Handlers of both kinds lie in the same place.
     return one.sa_flags == other.sa_flags &&
-           std::memcmp(&one.sa_mask, &other.sa_mask, sizeof(one.sa_mask)) == 0 &&
+           std::memcmp(&one.sa_mask, &other.sa_mask, mask_size) == 0 &&
            ((one.sa_flags & SA_SIGINFO) != 0 ? one.sa_sigaction == other.sa_sigaction
                                              : one.sa_handler == other.sa_handler);
 }
