@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <ostream>
 
 #include "pgm/pgm_common/pgm_common.h"
 #include "pgm/pgm_python/python_values.h"
@@ -12,6 +13,12 @@ namespace {
 
 // The forms that a text of bytes may have.
 enum class FORM { digits, lower_case, prefix, blanks, lines, last_first, words_last_first };
+
+void PrintTo(FORM form, std::ostream* stream) {
+    constexpr const char* names[] = {"digits", "lower_case", "prefix",          "blanks",
+                                     "lines",  "last_first", "words_last_first"};
+    *stream << names[static_cast<int>(form)];
+}
 FORM form = FORM::digits;
 
 std::string text_in(FORM wanted, const unsigned char* bytes, std::size_t size) {

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <ostream>
 
 #include "pgm/pgm_python/pgm_python_mgr.h"
 #include "pgm/pgm_python/pgm_python_settings.h"
@@ -20,6 +21,10 @@ struct PACKAGE {
     // The body of a function of `data`, a bytearray of four bytes, that returns the same bytes.
     const char* body;
 };
+
+void PrintTo(const PACKAGE& package, std::ostream* stream) {
+    *stream << package.name;
+}
 
 class Packages : public testing::TestWithParam<PACKAGE> {
 protected:

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <ostream>
 #include <thread>
 
 #include "pgm/pgm_python/interpreter_session.h"
@@ -102,6 +103,10 @@ struct CHANGE {
     const char* imports;
     const char* look;
 };
+
+void PrintTo(const CHANGE& change, std::ostream* stream) {
+    *stream << change.name;
+}
 
 class KeptChange : public Kept, public testing::WithParamInterface<CHANGE> {};
 
