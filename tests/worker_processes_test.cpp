@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -20,6 +21,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <thread>
@@ -624,6 +626,32 @@ TEST_F(WorkerProcesses, AWorkerThatDiesBeforeItGreetsIsReplacedWithoutAWord) {
     EXPECT_EQ(call("same"), "data");
     EXPECT_EQ(call("same"), "data");
     EXPECT_EQ(receiver.reports, REPORTS());
+}
+
+TEST_F(WorkerProcesses, OfThreadsThatPrepareAWorkerAtOnceOneDoes) {
+    const std::string starts = installation.folder().path() + "/starts";
+    const std::string program =
+        installation.folder().write("bin/counted", "#!/bin/sh\necho start >>" + starts + "\nexec " +
+                                                       worker_program + " \"$@\"\n");
+    ::chmod(program.c_str(), 0755);
+    const std::string surroundings = surroundings_of_process();
+    constexpr int rounds = 5;
+    for (int round = 0; round < rounds; ++round) {
+        std::array<std::thread, 8> threads;
+        for (std::thread& thread : threads) {
+            thread = std::thread([&] { prepare_worker(program, surroundings); });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        const TAKEN_WORKER taken = take_worker(program, surroundings, false);
+        EXPECT_TRUE(taken.was_waiting);
+        EXPECT_TRUE(taken.process && taken.process->greets());
+    }
+    std::ifstream file(starts);
+    EXPECT_EQ(
+        std::count(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>(), '\n'),
+        rounds);
 }
 
 TEST_F(WorkerProcesses, TheTimeLimitHoldsForAProgramThatDoesNotGreet) {

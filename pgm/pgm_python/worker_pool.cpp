@@ -1,5 +1,6 @@
 #include "pgm/pgm_python/worker_pool.h"
 
+#include <chrono>
 #include <mutex>
 #include <utility>
 
@@ -16,10 +17,16 @@ struct WAITING_WORKER {
     }
 };
 
-// Both under the workers' lock. Plain values, which a thread in a call may use to the very end of
+// All under the workers' lock. Plain values, which a thread in a call may use to the very end of
 // the process.
 WAITING_WORKER* waiting = nullptr;
 bool ended = false;
+
+// Until when a thread is taken to be about to start the worker that is to wait. It has a limit for
+// the child of a fork, where that thread is not.
+typedef std::chrono::steady_clock CLOCK;
+constexpr std::chrono::seconds start_limit(1);
+CLOCK::time_point preparing_until;
 
 // Puts a worker in the place of the one that waits, which it returns.
 std::unique_ptr<WAITING_WORKER> exchange_waiting(std::unique_ptr<WAITING_WORKER> worker) {
@@ -29,6 +36,32 @@ std::unique_ptr<WAITING_WORKER> exchange_waiting(std::unique_ptr<WAITING_WORKER>
     }
     return std::unique_ptr<WAITING_WORKER>(std::exchange(waiting, worker.release()));
 }
+
+// A thread's turn to start the worker that is to wait: where calls overlap, one does.
+class PREPARATION {
+public:
+    PREPARATION(const std::string& program, const std::string& surroundings) {
+        const std::lock_guard<std::mutex> lock(workers_mutex());
+        m_is_due = !ended && CLOCK::now() >= preparing_until &&
+                   (waiting == nullptr || !waiting->fits(program, surroundings));
+        if (m_is_due) {
+            preparing_until = CLOCK::now() + start_limit;
+        }
+    }
+    ~PREPARATION() {
+        if (m_is_due) {
+            const std::lock_guard<std::mutex> lock(workers_mutex());
+            preparing_until = CLOCK::time_point();
+        }
+    }
+    PREPARATION(const PREPARATION&) = delete;
+    PREPARATION& operator=(const PREPARATION&) = delete;
+
+    bool is_due() const { return m_is_due; }
+
+private:
+    bool m_is_due;
+};
 
 // Ends the worker that waits when the library goes.
 struct END {
@@ -72,11 +105,9 @@ TAKEN_WORKER take_worker(const std::string& program, const std::string& surround
 }
 
 void prepare_worker(const std::string& program, const std::string& surroundings) {
-    {
-        const std::lock_guard<std::mutex> lock(workers_mutex());
-        if (ended || (waiting != nullptr && waiting->fits(program, surroundings))) {
-            return;
-        }
+    const PREPARATION preparation(program, surroundings);
+    if (!preparation.is_due()) {
+        return;
     }
     // Other threads may change them at any time; what is started meanwhile may have either.
     if (surroundings_of_process() != surroundings) {
