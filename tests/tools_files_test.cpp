@@ -2,15 +2,19 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <regex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/tool_runs.h"
@@ -105,6 +109,38 @@ TEST_F(FilesOfCallTool, KeepsThePermissionsOfWhatItReplaces) {
     EXPECT_EQ(names(), std::vector<std::string>{"out.bin"});
 }
 
+// An access control list as Linux keeps it: a version, and of each entry tag, permissions and whom.
+std::string access_list() {
+    std::string list("\2\0\0\0", 4);
+    const auto add = [&list](char tag, char allowed, std::uint32_t whom) {
+        list += {tag, 0, allowed, 0};
+        list.append(reinterpret_cast<const char*>(&whom), sizeof whom);
+    };
+    constexpr std::uint32_t nobody_by_number = 0xFFFFFFFF;
+    add(0x01, 6, nobody_by_number);  // owner
+    add(0x02, 6, 12345);             // a user
+    add(0x04, 0, nobody_by_number);  // group
+    add(0x10, 6, nobody_by_number);  // at most
+    add(0x20, 0, nobody_by_number);  // others
+    return list;
+}
+
+TEST_F(FilesOfCallTool, KeepsTheAccessListOfWhatItReplaces) {
+    const std::string out = m_installation.folder().write("results/out.bin", "old");
+    constexpr char attribute[] = "system.posix_acl_access";
+    const std::string list = access_list();
+    if (::setxattr(out.c_str(), attribute, list.data(), list.size(), 0) != 0) {
+        GTEST_SKIP() << "the file system has no access control lists";
+    }
+    expect_changed(out);
+    EXPECT_EQ(content_of("out.bin"), "design!");
+    std::array<char, 256> found = {};
+    const ssize_t size = ::getxattr(out.c_str(), attribute, found.data(), found.size());
+    ASSERT_GE(size, 0);
+    EXPECT_EQ(std::string(found.data(), static_cast<std::size_t>(size)), list);
+    EXPECT_EQ(mode_of(out) & permissions, 0660U);
+}
+
 TEST_F(FilesOfCallTool, KeepsTheOwnerOfWhatItReplaces) {
     const std::string out = m_installation.folder().write("results/out.bin", "old");
     constexpr uid_t other = 12345;
@@ -173,6 +209,65 @@ TEST_F(FilesOfCallTool, MakesTheTargetOfALinkToNothing) {
     expect_changed(link);
     EXPECT_TRUE(S_ISLNK(mode_of(link)));
     EXPECT_EQ(content_of("elsewhere/target.bin"), "design!");
+}
+
+TEST_F(FilesOfCallTool, WritesBehindWhatAStreamHasBeenGiven) {
+    for (const char* const stream : {"/dev/stdout", "/dev/fd/1", "/proc/self/fd/1"}) {
+        const PROGRAM_RESULT result = call_by_shell(
+            "{ echo header; \"$0\" modify_bitstream \"$1\" \"$2\" change --out \"$3\"; echo "
+            "trailer; "
+            "} >\"$4\"",
+            {m_design, m_script, stream, m_folder + "/group.txt"});
+        EXPECT_EQ(result.status, 0) << result.errors;
+        EXPECT_EQ(content_of("group.txt"),
+                  std::string("header\ndesign!7 bytes written to ") + stream + "\ntrailer\n");
+    }
+    const PROGRAM_RESULT with_json = call_by_shell(
+        "\"$0\" --json modify_bitstream \"$1\" \"$2\" change --out /dev/fd/5 5>>\"$3\"",
+        {m_design, m_script, m_folder + "/group.txt"});
+    EXPECT_EQ(with_json.status, 0) << with_json.errors;
+    EXPECT_TRUE(ends_with(content_of("group.txt"), "trailer\ndesign!"));
+}
+
+TEST_F(FilesOfCallTool, WritesWhereTheUserMeantWhateverAScriptChanges) {
+    const std::string script = m_installation.common_script("python/wander.py",
+                                                            "import os\n"
+                                                            "def wander(data):\n"
+                                                            "    os.chdir('/')\n"
+                                                            "    os.umask(0)\n"
+                                                            "    return data\n");
+    for (const char* const kind : {"fresh", "kept", "worker"}) {
+        const PROGRAM_RESULT result = call_by_shell(
+            "cd \"$1\" && umask 027 && \"$0\" --calls \"$4\" modify_bitstream \"$2\" \"$3\" wander "
+            "--out one.bin && printf '%s\\n' \"modify_bitstream one.bin '$3' wander --out "
+            "two.bin\" "
+            "\"modify_bitstream two.bin '$3' wander --out three.bin\" | \"$0\" --calls \"$4\" "
+            "--batch -",
+            {m_folder, m_design, script, kind});
+        EXPECT_EQ(result.status, 0) << result.errors;
+        EXPECT_EQ(names(), (std::vector<std::string>{"one.bin", "three.bin", "two.bin"}));
+        for (const std::string& name : names()) {
+            EXPECT_EQ(mode_of(m_folder + "/" + name) & permissions, 0640U) << name;
+            EXPECT_EQ(content_of(name), "design");
+            ::unlink((m_folder + "/" + name).c_str());
+        }
+    }
+}
+
+TEST_F(FilesOfCallTool, TellsOfATextThatIsNotUtf8) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> calls = {
+        {{"get_username", "caf\xE9"}, "USER: 'caf\xE9'"},
+        {{"read_mif", "caf\xE9.mif"}, "FILE: 'caf\xE9.mif'"},
+        {{"sync_p4file", "\xFF", "x"}, "FOLDER: '\xFF'"},
+        {{"get_nwfmt_data", "a.py", "get_bram_chunks", "--text-1", "\xED\xA0\x80"},
+         "--text-1: '\xED\xA0\x80'"},
+        {{"get_nwfmt_data", "a.py", "get_bram_chunks", "--dict-1", "a=\xC0\x80"},
+         "--dict-1: 'a=\xC0\x80'"},
+    };
+    for (const auto& [arguments, beginning] : calls) {
+        expect_failure(call(arguments), 2,
+                       beginning + " is not UTF-8 text\nRun with --help for more information.\n");
+    }
 }
 
 TEST_F(FilesOfCallTool, TellsOfALinkThatLeadsToItself) {

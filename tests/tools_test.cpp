@@ -441,6 +441,9 @@ TEST(CallTool, TellsAMissingScriptInWords) {
     expect_failure(call({"modify_bitstream", content, "norvane_sign", "f"}, environment), 2,
                    "SCRIPT: 'norvane_sign' is neither a file nor an installed default script\n"
                    "Run with --help for more information.\n");
+    expect_failure(call({"execute_mysql", "--", "x"},
+                        {environment[0], "PGM_UNSHIPPED_PROGRAMMER_DIR=" + empty.path()}),
+                   2, "error: the database script is not installed\n");
 }
 
 TEST(CallTool, TellsMistakesInWords) {
@@ -551,6 +554,20 @@ TEST(CallTool, TakesAnEmptyImageForOne) {
     expect_success(call({"read_mif", "x", "--out", out}, environment_of(installation)),
                    "width 8, depth 0\n0 bytes written to " + out + "\n");
     EXPECT_TRUE(std::filesystem::exists(std::filesystem::u8path(out)));
+}
+
+TEST(CallTool, LeavesAFileAloneWhereAnImageIsOfNoUse) {
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "def read_mif(file, continuous): return eval(file)\n");
+    const std::string out = installation.folder().write("image.bin", "precious");
+    for (const char* const answer :
+         {"[bytearray(), '5', None]", "[bytearray(b'abc'), 8, '3']", "[bytearray(b'abc'), None, 3]",
+          "[bytearray(), 8, 3]", "[b'abc', 8, 3]"}) {
+        expect_failure(call({"read_mif", answer, "--out", out}, environment_of(installation)), 1,
+                       "error: the script gave no usable width, depth and image\n");
+    }
+    EXPECT_EQ(installation.folder().read("image.bin"), "precious");
 }
 
 TEST(CallTool, ShowsNothingOfARootKeyButItsSize) {
@@ -782,6 +799,35 @@ TEST(CallTool, SetsTheSwitchesOfTheLibrary) {
     expect_success(call({"get_username", "x"}, environment), "None None\n");
 }
 
+TEST(CallTool, TellsWhatIsWrongWithALineOfABatch) {
+    const TEST_INSTALLATION installation;
+    installation.common_script("python/pgm_python_common_function.pyc",
+                               "def get_username(user): return user\n");
+    const std::string calls = installation.folder().write("calls.txt",
+                                                          "\xEF\xBB\xBF"
+                                                          "get_username one\r\nbadop\n");
+    const std::string zero =
+        installation.folder().write("zero.txt", std::string("get_username a\0b\n", 17));
+    const PROGRAM_RESULT result = call({"--batch", calls}, environment_of(installation));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output.substr(0, result.output.find('\n')), "1: one");
+    EXPECT_NE(result.errors.find(calls + ":2: The following argument was not expected: badop\n"),
+              std::string::npos)
+        << result.errors;
+    const PROGRAM_RESULT of_zero = call({"--batch", zero}, environment_of(installation));
+    EXPECT_EQ(of_zero.output, "1: failed, status 2\n");
+    EXPECT_EQ(of_zero.errors,
+              zero + ":1: a zero byte in the line\n" + zero + ": 1 call, 0 succeeded, 1 failed\n");
+}
+
+TEST(CallTool, HasFlagsWithoutValues) {
+    for (const char* const flag : {"--json=1", "--json=false", "--traceback=0"}) {
+        const PROGRAM_RESULT result = call({flag, "query_opn_enum", "257"});
+        EXPECT_EQ(result.status, 2) << flag;
+        EXPECT_EQ(result.output, "") << flag;
+    }
+}
+
 TEST(CallTool, MakesACallALineOfABatch) {
     const TEST_INSTALLATION installation;
     const std::string script =
@@ -842,18 +888,19 @@ TEST(CallTool, MakesACallALineOfABatch) {
                   "\n"
                   "15: failed, status 2\n");
     const std::string line = calls + ":";
-    EXPECT_EQ(
-        result.errors,
-        line +
-            "5: error 20351: Fail to execute function query_opn_name in file "
-            "pgm_python_common_function\n" +
-            line + "6: CODE: 'x' is not a number from 0 to 0xFFFFFFFF\n" + line +
-            "8: no closing '\n" + line + "9: " + internal_error_line("return_size == 3", 676) +
-            line + "10: --out: a call of a batch cannot write to standard output\n" + line +
-            "11: CERTIFICATE: a call of a batch cannot read the standard input\n" + line +
-            "12: A subcommand is required\n" + line + "13: ARGUMENT: must not be empty\nprinted\n" +
-            line + "15: The following argument was not expected: end\n" + calls +
-            ": 13 calls, 4 succeeded, 9 failed\n");
+    EXPECT_EQ(result.errors,
+              line +
+                  "5: error 20351: Fail to execute function query_opn_name in file "
+                  "pgm_python_common_function\n" +
+                  line + "6: CODE: 'x' is not a number from 0 to 0xFFFFFFFF\n" + line +
+                  "8: no closing '\n" + line +
+                  "9: " + internal_error_line("return_size == 3", 676) + line +
+                  "10: --out: a call of a batch cannot write to standard output\n" + line +
+                  "11: CERTIFICATE: a call of a batch cannot read the standard input\n" + line +
+                  "12: The following argument was not expected: --help\n" + line +
+                  "13: ARGUMENT: must not be empty\nprinted\n" + line +
+                  "15: The following argument was not expected: end\n" + calls +
+                  ": 13 calls, 4 succeeded, 9 failed\n");
     EXPECT_EQ(installation.folder().read("an image.bin"), "abc");
     EXPECT_EQ(installation.folder().read("told"), "['a b']");
 }

@@ -90,6 +90,7 @@ std::string in_one_line(const std::string& lines) {
 }
 
 int run_line(const std::vector<std::string>& words, CALL& call) {
+    PROCESS_SURROUNDINGS::put_back();
     return run_guarded([&] {
         std::vector<std::string> reversed(words.rbegin(), words.rend());
         try {
@@ -109,6 +110,10 @@ int run_line(const std::vector<std::string>& words, CALL& call) {
 }  // namespace
 
 bool split_words(const std::string& line, std::vector<std::string>& words, std::string& reason) {
+    if (line.find('\0') != std::string::npos) {
+        reason = "a zero byte in the line";
+        return false;
+    }
     const std::string blanks = " \t";
     bool in_word = false;
     char quote = 0;
@@ -172,7 +177,11 @@ int run_batch(const CALL_OPTIONS& options) {
     std::size_t calls = 0;
     std::size_t failed = 0;
     std::string line;
+    const std::string byte_order_mark = "\xEF\xBB\xBF";  // with which some editors begin a file
     for (long long number = 1; lines.next(line); ++number) {
+        if (number == 1 && line.compare(0, byte_order_mark.size(), byte_order_mark) == 0) {
+            line.erase(0, byte_order_mark.size());
+        }
         std::vector<std::string> words;
         const bool is_whole = split_words(line, words, reason);
         if (is_whole && words.empty()) {

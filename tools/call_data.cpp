@@ -88,7 +88,7 @@ void add_execute_mysql(CLI::App& app, CALL& call) {
         bool found = false;
         std::string answer = PGM_PYTHON_MGR::execute_mysql(*arguments, found);
         if (!found) {
-            call.fail("the database script is not installed");
+            throw USAGE_ERROR("the database script is not installed");
         } else if (!tool_has_reported()) {
             // An answer of nothing is one, too.
             if (!answer.empty() && answer.back() == '\n') {

@@ -9,6 +9,9 @@ namespace {
 
 constexpr char common_functions[] = "/python/pgm_python_common_function.pyc";
 
+// What the operations store for an answer that is no 32-bit number.
+constexpr unsigned long no_number = 0xFFFFFFFFUL;
+
 void add_get_username(CLI::App& app, CALL& call) {
     CLI::App& command = *app.add_subcommand("get_username", "Print the name of a user");
     const auto user = add_text(command, "USER", "The user to look up");
@@ -35,7 +38,7 @@ void add_query_opn_name(CLI::App& app, CALL& call) {
     on_call(command, call, [=, &call] {
         require_common_script(common_functions);
         const unsigned long code = PGM_PYTHON_MGR::query_opn_name(*name);
-        if (code != 0xFFFFFFFFUL) {
+        if (code != no_number) {
             call.answer(code);
         }
     });
@@ -55,8 +58,13 @@ void add_read_mif(CLI::App& app, CALL& call) {
         unsigned long size = 0;
         const std::unique_ptr<unsigned char[]> image(
             PGM_PYTHON_MGR::read_mif(*file, *continuous, width, depth, size));
-        // An image of no bytes is one, too.
-        if (image != nullptr) {
+        if (image == nullptr) {
+            return;
+        }
+        // A memory without words has an image of no bytes.
+        if (width == no_number || depth == no_number || (size == 0 && depth != 0)) {
+            call.fail("the script gave no usable width, depth and image");
+        } else {
             call.add_fact("width", "width", width);
             call.add_fact("depth", "depth", depth);
             call.answer(*out, image.get(), size);

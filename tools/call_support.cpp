@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 
@@ -15,6 +16,12 @@ namespace {
 
 // How many bytes of a result are shown.
 constexpr std::size_t described_bytes = 16;
+
+std::filesystem::path& noted_folder() {
+    static std::filesystem::path folder;
+    return folder;
+}
+unsigned int noted_mask = 0;
 
 std::uint32_t number_of(const std::string& option, const std::string& text) {
     const bool hexadecimal = text.compare(0, 2, "0x") == 0 || text.compare(0, 2, "0X") == 0;
@@ -70,11 +77,32 @@ void refuse_empty(const std::string& name, const std::string& text) {
     }
 }
 
+// Scripts get texts as str.
+void refuse_other_than_utf8(const std::string& name, const std::string& text) {
+    if (!is_utf8(text)) {
+        throw CLI::ValidationError(name, "'" + text + "' is not UTF-8 text");
+    }
+}
+
 std::string count_of_bytes(std::size_t size) {
     return std::to_string(size) + (size == 1 ? " byte" : " bytes");
 }
 
 }  // namespace
+
+void PROCESS_SURROUNDINGS::note() {
+    std::error_code ignored;
+    noted_folder() = std::filesystem::current_path(ignored);
+    noted_mask = tool_platform::mask_of_new_files();
+}
+
+void PROCESS_SURROUNDINGS::put_back() {
+    std::error_code ignored;
+    if (!noted_folder().empty()) {
+        std::filesystem::current_path(noted_folder(), ignored);
+    }
+    tool_platform::set_mask_of_new_files(noted_mask);
+}
 
 void CALL::ask_for(const std::string& operation, std::function<void()> work) {
     m_operation = operation;
@@ -125,6 +153,7 @@ void CALL::answer(const std::string& out, const unsigned char* bytes, std::size_
         reason = tool_platform::write_to_standard_output(bytes, size, false);
     } else if (!out.empty()) {
         place = "file '" + out + "'";
+        PROCESS_SURROUNDINGS::put_back();
         reason = tool_platform::write_file(out, bytes, size, secrecy);
         line += " written to " + out;
     } else if (size > 0 && secrecy == tool_platform::SECRECY::OPEN) {
@@ -193,7 +222,10 @@ void on_call(CLI::App& command, CALL& call, std::function<void()> work) {
 std::shared_ptr<std::string> add_text(CLI::App& command, const std::string& name,
                                       const std::string& description) {
     auto text = std::make_shared<std::string>();
-    command.add_option(name, *text, description)->required(!is_option(name));
+    add_checked(command, name, description, [text, name](const std::string& given) {
+        refuse_other_than_utf8(name, given);
+        *text = given;
+    });
     return text;
 }
 
@@ -202,6 +234,7 @@ std::shared_ptr<std::string> add_name(CLI::App& command, const std::string& name
     auto text = std::make_shared<std::string>();
     add_checked(command, name, description, [text, name](const std::string& given) {
         refuse_empty(name, given);
+        refuse_other_than_utf8(name, given);
         *text = given;
     });
     return text;
@@ -219,6 +252,7 @@ std::shared_ptr<std::string> add_key_file(CLI::App& command, const std::string& 
                                           const std::string& description) {
     auto file = std::make_shared<std::string>();
     add_checked(command, name, description, [file, name, extension](const std::string& given) {
+        refuse_other_than_utf8(name, given);
         if (!given.empty() && PGM_COMMON::match_extension(given, {extension}) == 0) {
             throw CLI::ValidationError(name,
                                        "file '" + given + "' has not the extension " + extension);
@@ -279,6 +313,7 @@ std::shared_ptr<std::map<std::string, std::string>> add_map(CLI::App& command,
             name,
             [map, name](const std::vector<std::string>& entries) {
                 for (const std::string& entry : entries) {
+                    refuse_other_than_utf8(name, entry);
                     const std::size_t sign = entry.find('=');
                     if (sign == std::string::npos) {
                         throw CLI::ValidationError(name, "'" + entry + "' is not KEY=VALUE");

@@ -16,6 +16,13 @@
 #include "tools/tool_messages.h"
 #include "tools/tool_platform.h"
 
+// The current folder and the mask of new files' permissions, which scripts change for the whole
+// process where their session is in it: the tool's own files are not to follow them.
+struct PROCESS_SURROUNDINGS {
+    static void note();
+    static void put_back();
+};
+
 // One call of an operation: what is asked for, and what came of it.
 class CALL {
 public:

@@ -33,6 +33,16 @@ std::size_t sequence_length(const std::string& text, std::size_t place) {
 
 }  // namespace
 
+bool is_utf8(const std::string& text) {
+    std::size_t place = 0;
+    std::size_t length = 1;
+    while (place < text.size() && length > 0) {
+        length = sequence_length(text, place);
+        place += length;
+    }
+    return length > 0;
+}
+
 std::string json_text(const std::string& text) {
     std::string json = "\"";
     for (std::size_t place = 0; place < text.size();) {

@@ -8,6 +8,9 @@
 // A text in JSON, quotes included. What is no UTF-8 becomes U+FFFD, a byte each.
 std::string json_text(const std::string& text);
 
+// Whether a text is UTF-8.
+bool is_utf8(const std::string& text);
+
 // An object that is written member by member.
 class JSON_OBJECT {
 public:

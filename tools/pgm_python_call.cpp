@@ -62,6 +62,7 @@ int main(int argc, char** argv) {
             return status;
         }
         put_in_force(options);
+        PROCESS_SURROUNDINGS::note();
         if (options.json || call.wants_standard_output() || !options.batch.empty()) {
             divert_what_scripts_print();
         }

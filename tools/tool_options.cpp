@@ -18,15 +18,15 @@ void add_tool_options(CLI::App& app, TOOL_OPTIONS& options) {
     app.set_version_flag(
         "--version", [name] { return version_text(name); },
         "Print the version and the Python that is linked, and exit");
-    app.footer(
-        "Exit status: 0 success, 1 failure, 2 bad usage, 3 internal error; of a batch 0 when all "
-        "calls succeeded, else 1.");
+    app.footer("Exit status: 0 success, 1 failure, 2 bad usage, 3 internal error.");
     app.add_flag(
-        "--json", options.json,
-        "Print results and messages as JSON, one object a line; what scripts print goes to "
-        "standard error");
+           "--json", options.json,
+           "Print results and messages as JSON, one object a line; what scripts print goes to "
+           "standard error")
+        ->disable_flag_override();
     app.add_flag("--traceback", options.traceback,
-                 "Print the traceback of a function that raised (PGM_PYTHON_TRACEBACK=1)");
+                 "Print the traceback of a function that raised (PGM_PYTHON_TRACEBACK=1)")
+        ->disable_flag_override();
     app.add_option_function<std::string>(
            "--calls",
            [&options](const std::string& kind) {

@@ -21,6 +21,10 @@ void set_locale();
 // Sets a variable of the environment for this process and those that it starts.
 void set_environment(const std::string& name, const std::string& value);
 
+// The permissions that new files of this process do not get, where the platform has such a mask.
+unsigned int mask_of_new_files();
+void set_mask_of_new_files(unsigned int mask);
+
 // Whether somebody looks at the stream as it is written; of the standard output, at what
 // write_to_standard_output writes.
 bool standard_error_is_terminal();
@@ -48,8 +52,8 @@ enum class SECRECY { OPEN, SECRET };
 // content is written under another name in the same folder, brought to the disk, and given the name
 // then: the file is complete or unchanged. A link's target is the file that is meant. What was
 // there hands on its permissions; a secret may only be read and written by its owner, where the
-// platform knows that. Anything else of that name, such as a device, is written to as it is.
-// Returns the system's reason for a failure, empty on success.
+// platform knows that. Anything else of that name, such as a device or a descriptor of this
+// process, is written to as it is. Returns the system's reason for a failure, empty on success.
 std::string write_file(const std::string& file, const unsigned char* bytes, std::size_t size,
                        SECRECY secrecy);
 

@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
@@ -88,6 +89,29 @@ bool follow_links(std::string& file) {
     return false;
 }
 
+// The descriptor of this process that a name stands for ("/dev/stdout", "/dev/fd/5"); negative when
+// it stands for none.
+int descriptor_of(std::string file) {
+    const std::string process = "/proc/" + std::to_string(::getpid());
+    constexpr int most_links = 40;
+    for (int links = 0; links < most_links; ++links) {
+        std::array<char, PATH_MAX> target = {};
+        const ssize_t length = ::readlink(file.c_str(), target.data(), target.size());
+        if (length < 0) {
+            return -1;
+        }
+        std::array<char, PATH_MAX> folder = {};
+        const bool is_found = ::realpath(folder_of(file).empty() ? "." : folder_of(file).c_str(),
+                                         folder.data()) != nullptr;
+        if (is_found && folder.data() == process + "/fd") {
+            return std::atoi(file.c_str() + folder_of(file).size());
+        }
+        const std::string name(target.data(), static_cast<std::size_t>(length));
+        file = name[0] == '/' ? name : folder_of(file) + name;
+    }
+    return -1;
+}
+
 bool is_same_file(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
@@ -117,9 +141,21 @@ constexpr mode_t owner_only = S_IRUSR | S_IWUSR;
 constexpr mode_t all_permissions = S_ISUID | S_ISGID | S_ISVTX | S_IRWXU | S_IRWXG | S_IRWXO;
 constexpr mode_t new_file = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
 
+// Gives a file the access control list of another. False where that has one and the new file cannot
+// have it.
+bool take_over_access_list(int descriptor, const std::string& replaced) {
+    constexpr char attribute[] = "system.posix_acl_access";
+    std::array<char, 1U << 16U> list = {};
+    const ssize_t size = ::getxattr(replaced.c_str(), attribute, list.data(), list.size());
+    if (size < 0) {
+        return errno == ENODATA || errno == ENOTSUP;
+    }
+    return ::fsetxattr(descriptor, attribute, list.data(), static_cast<std::size_t>(size), 0) == 0;
+}
+
 // Gives a file the owner, as far as that is allowed, and the permissions of the one that it is to
 // replace. A group or owner that stays another one gets none that were meant for the old one.
-bool take_over_permissions(int descriptor, const struct stat& replaced) {
+bool take_over_permissions(int descriptor, const std::string& file, const struct stat& replaced) {
     mode_t mode = replaced.st_mode & all_permissions;
     if (::fchown(descriptor, replaced.st_uid, replaced.st_gid) != 0) {
         struct stat own = {};
@@ -131,7 +167,12 @@ bool take_over_permissions(int descriptor, const struct stat& replaced) {
             mode &= ~static_cast<mode_t>(S_IRWXG);
         }
     }
-    return ::fchmod(descriptor, mode) == 0;
+    if (::fchmod(descriptor, mode) != 0) {
+        return false;
+    }
+    // With a list, what a mode shows of the group is the most that the list allows anybody.
+    return take_over_access_list(descriptor, file) ||
+           ::fchmod(descriptor, mode & ~static_cast<mode_t>(S_IRWXG)) == 0;
 }
 
 // `replaced` is null where nothing has the name yet.
@@ -149,7 +190,7 @@ std::string write_and_rename(const std::string& file, const unsigned char* bytes
     }
     const bool permitted =
         secret ? ::fchmod(output.get(), owner_only) == 0
-               : replaced == nullptr || take_over_permissions(output.get(), *replaced);
+               : replaced == nullptr || take_over_permissions(output.get(), file, *replaced);
     if (!permitted || !write_all(output.get(), bytes, size) || ::fsync(output.get()) != 0 ||
         !output.close() || ::rename(temporary.c_str(), file.c_str()) != 0) {
         std::string reason = reason_of_system();
@@ -179,6 +220,16 @@ void set_locale() {
 
 void set_environment(const std::string& name, const std::string& value) {
     ::setenv(name.c_str(), value.c_str(), 1);
+}
+
+unsigned int mask_of_new_files() {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return mask;
+}
+
+void set_mask_of_new_files(unsigned int mask) {
+    ::umask(static_cast<mode_t>(mask));
 }
 
 bool standard_error_is_terminal() {
@@ -237,6 +288,12 @@ std::FILE* open_input(const std::string& file, std::string& reason) {
 std::string write_file(const std::string& file, const unsigned char* bytes, std::size_t size,
                        SECRECY secrecy) {
     const bool secret = secrecy == SECRECY::SECRET;
+    // What has been written there before stays, and what follows goes behind it.
+    if (const int descriptor = descriptor_of(file); descriptor >= 0) {
+        return write_all(descriptor == STDOUT_FILENO ? standard_output : descriptor, bytes, size)
+                   ? std::string()
+                   : reason_of_system();
+    }
     std::string target = file;
     struct stat named = {};
     if (::stat(file.c_str(), &named) != 0) {

@@ -196,6 +196,12 @@ void set_environment(const std::string& name, const std::string& value) {
     }
 }
 
+unsigned int mask_of_new_files() {
+    return 0;
+}
+
+void set_mask_of_new_files(unsigned int /*mask*/) {}
+
 bool standard_error_is_terminal() {
     return is_console(::GetStdHandle(STD_ERROR_HANDLE));
 }
