@@ -1,5 +1,7 @@
 #include "pgm/pgm_python/worker_call.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -51,6 +53,7 @@ public:
         const std::string program =
             m_settings.worker.empty() ? own_worker_program() : m_settings.worker;
         const std::string process_surroundings = surroundings_of_process();
+        const CLOCK::time_point begin = CLOCK::now();
         bool anew = false;
         for (;;) {
             TAKEN_WORKER taken = take_worker(program, process_surroundings, anew);
@@ -58,7 +61,7 @@ public:
                 return cannot_start(program, taken.reason);
             }
             WORKER_PROCESS& process = *taken.process;
-            process.set_time_limit(m_settings.call_timeout);
+            process.set_time_limit(time_left(begin));
             const bool greeted = process.greets();
             const bool sent = greeted && process.send_streams() && write_request(process);
             if (greeted) {
@@ -101,6 +104,17 @@ public:
     bool has_completed_well() const { return m_has_completed_well; }
 
 private:
+    typedef std::chrono::steady_clock CLOCK;
+
+    // The seconds that are left of the call's limit, one that has gone by being a very short one; 0
+    // for no limit.
+    double time_left(CLOCK::time_point begin) const {
+        constexpr double shortest = 1e-6;
+        const double limit = m_settings.call_timeout;
+        const std::chrono::duration<double> gone = CLOCK::now() - begin;
+        return limit > 0 ? std::max(limit - gone.count(), shortest) : 0;
+    }
+
     static bool cannot_start(const std::string& program, const std::string& reason) {
         print_line("Python worker %s cannot be started: %s", program, reason);
         return false;

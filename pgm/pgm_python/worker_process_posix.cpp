@@ -57,7 +57,10 @@ constexpr int frames_descriptor = 4;
 
 // How long a program may take to show that it is a worker, and a keeper to end what is to end.
 constexpr std::chrono::seconds greeting_limit(60);
-constexpr std::chrono::seconds ending_limit(5);
+constexpr std::chrono::milliseconds ending_limit(5000);
+
+// The same for one that has not shown itself: no script runs in it.
+constexpr std::chrono::milliseconds silent_ending_limit(500);
 
 // What a keeper tells.
 struct NOTE {
@@ -306,7 +309,8 @@ public:
         // The keeper takes the end of what it hears as the order to end everything, and says
         // goodbye by its own end.
         ::shutdown(m_control, SHUT_WR);
-        const CLOCK::time_point limit = CLOCK::now() + ending_limit;
+        const CLOCK::time_point limit =
+            CLOCK::now() + (m_greeted ? ending_limit : silent_ending_limit);
         std::string how = "its keeper is gone";
         for (;;) {
             const NOTE note = next_note(limit);
