@@ -284,15 +284,16 @@ private:
         const HANDLE pipe = m_handles.pipe.get();
         OVERLAPPED operation = {};
         operation.hEvent = m_handles.event.get();
-        if (!begin(&operation) && ::GetLastError() != ERROR_IO_PENDING) {
+        const bool is_done = begin(&operation) != 0;
+        if (!is_done && ::GetLastError() != ERROR_IO_PENDING) {
             return 0;
         }
         // When the worker is gone there may be one who has its end of the pipe, and nothing will
         // come of it: a program that this host started on another thread while the worker's was
         // made. What the worker wrote before its end is there, and reading it does not wait.
         const std::array<HANDLE, 2> either = {operation.hEvent, m_handles.process.get()};
-        if (::WaitForMultipleObjects(static_cast<DWORD>(either.size()), either.data(), FALSE,
-                                     patience) != WAIT_OBJECT_0) {
+        if (!is_done && ::WaitForMultipleObjects(static_cast<DWORD>(either.size()), either.data(),
+                                                 FALSE, patience) != WAIT_OBJECT_0) {
             ::CancelIoEx(pipe, &operation);
         }
         // What was done before it could be cancelled counts.
