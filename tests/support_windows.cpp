@@ -209,11 +209,6 @@ void warm_up_workers() {
         PGM_PYTHON_SETTINGS::set_worker(PGM_PYTHON_PROGRAMS "/pgm_python_worker.exe");
         const char* code[] = {"-c", "pass"};
         PGM_PYTHON_MGR::run_python_file(2, code);
-        // A call that is ended makes another.
-        const RECORDING_RECEIVER receiver;
-        PGM_PYTHON_SETTINGS::set_call_timeout(0.5);
-        const char* endless[] = {"-c", "import time; time.sleep(1000)"};
-        PGM_PYTHON_MGR::run_python_file(2, endless);
         PGM_PYTHON_SETTINGS::use_environment();
     }
 }

@@ -184,6 +184,7 @@ void answer_request(TALK& talk, const RECEIVED_REQUEST& request) {
         const ANSWER answer = walk_road(*request.call(), surroundings);
         std::fflush(nullptr);
         if (talk.is_possible()) {
+            talk.host().leave_folder();
             write_answer(talk.host(), answer, surroundings.bytes_were_sent());
         }
         return;
@@ -191,6 +192,7 @@ void answer_request(TALK& talk, const RECEIVED_REQUEST& request) {
     WORKER_EVENT answer = event_of(FRAME_TYPE::run_answer);
     answer.flag = walk_run(request.run(), surroundings);
     std::fflush(nullptr);
+    talk.host().leave_folder();
     talk.tell(answer);
 }
 
@@ -201,6 +203,7 @@ void serve_host(HOST_CONNECTION& host) {
     the_talk = &talk;
     const MSG_RECEIVER::INTERNAL_ERROR obstacle = start_interpreter();
     host.release_streams();
+    host.leave_folder();
     WORKER_EVENT event;
     RECEIVED_REQUEST request;
     if (!host.receive_streams() || read_from_host(host, event, request) != FRAME_OUTCOME::whole ||

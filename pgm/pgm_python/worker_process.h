@@ -16,7 +16,8 @@
 #include "pgm/pgm_python/worker_frames.h"
 
 // What a process started now would find: environment, current folder, mask of new files'
-// permissions, locale, and what kinds of standard streams. Two equal texts stand for the same.
+// permissions, locale, and where streams come with the call, of what kinds they are. Two equal
+// texts stand for the same.
 std::string surroundings_of_process();
 
 // The folder of the library (or program) that this code is in; empty when the system does not tell.
@@ -39,13 +40,15 @@ public:
     // Whether it is a worker shows in `greets`.
     static std::unique_ptr<WORKER_PROCESS> start(const std::string& program, std::string& reason);
 
-    // Whether it still waits for its call. Does not block.
+    // Whether it still waits for its call, and has the standard streams for one that is made now
+    // where they do not come with the call. Does not block.
     virtual bool is_waiting() = 0;
 
     // Waits until it has shown that it is a worker; false when it does not.
     virtual bool greets() = 0;
 
-    // Gives it the standard streams of this process; false as FRAME_STREAM::write.
+    // Gives it the standard streams of this process, where they are not those of its start, and the
+    // current folder, where it is elsewhere; false as FRAME_STREAM::write.
     virtual bool send_streams() = 0;
 
     // Reads and writes fail when so many seconds have gone by from now; 0 for no limit.
@@ -56,7 +59,8 @@ public:
     virtual void let_go() = 0;
 
     // Ends it, where it still runs, and everything that its script has started, and tells how it
-    // ended: "exit status 0", "signal 11, Segmentation fault". The destructor ends it, too, unless
+    // ended: "exit status 0", "signal 11, Segmentation fault"; or, where it could not take what it
+    // was given, why not. The destructor ends it, too, unless
     // it was let go, without waiting for its end.
     virtual std::string end() = 0;
 };
@@ -67,8 +71,13 @@ public:
     // Lets go of the standard streams until then.
     virtual void release_streams() = 0;
 
-    // Takes the standard streams that come before a request; false when the host is gone.
+    // Takes what send_streams gives, which comes before a request; false when the host is gone, or
+    // has been told why not.
     virtual bool receive_streams() = 0;
+
+    // Lets go of the current folder where that would keep the host from renaming or deleting it,
+    // until receive_streams or for good.
+    virtual void leave_folder() = 0;
 
     // Whether this is the process that got the connection, not one that a script forked.
     virtual bool is_own() const = 0;
