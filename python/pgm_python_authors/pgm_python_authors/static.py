@@ -488,6 +488,15 @@ def _due(kind):
             "hash_and_size": "a list of two"}[kind]
 
 
+def is_utf8(text):
+    """Whether a name of the file system is UTF-8."""
+    try:
+        text.encode("utf-8")
+    except UnicodeEncodeError:
+        return False
+    return True
+
+
 def name_problems(path, preloaded, as_module):
     """(code, severity, text, hint) of what is wrong with a script's file name."""
     name = os.path.basename(path)
@@ -499,7 +508,10 @@ def name_problems(path, preloaded, as_module):
         if not name.endswith((".py", ".pyc")):
             found.append(("file-name", "fault", "the name ends in %s, which Python does not import" %
                           name[len(module):], "write it in small letters"))
-        if not module or "." in module:
+        if not is_utf8(module):
+            found.append(("file-name", "fault", "the name holds bytes that are no UTF-8, and Python makes a text of it",
+                          "use letters, digits and _"))
+        elif not module or "." in module:
             found.append(("file-name", "fault", "%r is no name of a module: Python takes what is before the dot for a "
                           "package" % module, "name it without dots, such as %s.py" % (module.replace(".", "_") or "script")))
         elif not module.isidentifier():
