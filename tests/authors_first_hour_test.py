@@ -429,8 +429,8 @@ class FirstHourTest(unittest.TestCase):
         self.assertEqual(report["status"], 0)
         self.write(folder, "none", "VALUE = 5\n")
         report = self.check(folder + "/none.py", "--as", "modify_bitstream")
-        self.assertEqual([(each["severity"], each["text"]) for each in report["findings"]
-                          if each["code"] == "functions"], [("fault", "it has no function that takes the one argument")])
+        self.assertEqual([(each["severity"], each["text"]) for each in report["findings"] if each["code"] == "functions"],
+                         [("fault", "it has no function that takes the one argument")])
 
     def test_an_answer_that_cannot_be_told_is_wrong_and_no_crash(self):
         folder = self.folder + "/large"

@@ -370,6 +370,29 @@ class AuthorsTest(unittest.TestCase):
         self.assertEqual((seen.messages, seen.value), (messages, as_seen("bytes", words)))
         self.assertIn("UnicodeDecodeError", seen.problem)
 
+    def test_folders_that_cannot_become_python_text_are_refused_as_by_the_library(self):
+        for name in ("by\udcff", 'a "quoted" one', "two\nlines", "an \u00e4"):
+            folder = "%s/%s" % (self.folder, name)
+            for kind in ("script", "common"):
+                installation = self.installation
+                path = folder + "/change.py"
+                if kind == "common":
+                    installation = Installation(folder, self.installation.unshipped, self.installation.programs)
+                    path = self.folder + "/change.py"
+                os.makedirs(folder, exist_ok=True)
+                with open(path, "w") as stream:
+                    stream.write("def change(data):\n    return data\n")
+                with self.subTest(name=name, kind=kind):
+                    library = Library(installation)
+                    self.addCleanup(library.close)
+                    words, messages = library.call(OPERATIONS["modify_bitstream"], [CONTENT, path, "change", []])
+                    seen = Bench(installation).call("modify_bitstream", CONTENT, path, "change")
+                    self.assertEqual(seen.messages, messages)
+                    self.assertEqual(seen.internal_error is not None, words == ["thrown"])
+                    self.assertEqual(seen.is_right, "\u00e4" in name)
+                    seen = Bench(installation).run(path)
+                    self.assertEqual(seen.messages, messages)
+
     def test_an_argument_that_is_not_utf_8_comes_after_the_script(self):
         operation = OPERATIONS["get_nwfmt_data"]
         for source in ("raise ValueError\n", "def other():\n    pass\n"):

@@ -95,6 +95,15 @@ def module_name(path):
     return None
 
 
+def is_utf8(text):
+    """Whether a text or a name of the file system is UTF-8."""
+    try:
+        text.encode("utf-8")
+    except UnicodeEncodeError:
+        return False
+    return True
+
+
 def cut(text):
     """A text as it goes to a script or comes back: up to its first zero character."""
     return text.split("\0")[0]
@@ -290,9 +299,13 @@ class Bench:
             return self._end(seen, "Python script %s doest not exist" % path)
         if operation.functions and function not in dict(operation.functions):
             return self._end(seen, "Function %s is not supported" % function)
+        if operation.suite_folders and not self._takes_suite_folders(seen):
+            return seen
         module = module_name(path)
         if module is None:
             return self._end(seen, "Python script %s must have extension of .py or .pyc" % path)
+        if not self._takes_folder(os.path.dirname(os.path.abspath(path)), seen):
+            return seen
         if not module:
             return self._end(seen, "mysql_file.size()" if operation.folder == "database" else "filename.size()")
         request = self.request(operation, path, function, given)
@@ -309,8 +322,12 @@ class Bench:
             seen.problem = "Python script %s doest not exist" % path
             seen.messages.append("error: " + seen.problem)
             return seen
+        if not self._takes_suite_folders(seen):
+            return seen
         if module_name(path) is None:
             return self._end(seen, "Python script %s must have extension of .py or .pyc" % path)
+        if not self._takes_folder(os.path.dirname(os.path.abspath(path)), seen):
+            return seen
         request = self._request(path, self.installation.suite_path)
         request.update(main=True, argv=[path] + list(arguments))
         reply, reasons = self.ask(request, seen, True)
@@ -465,6 +482,18 @@ class Bench:
             if wrong:
                 return value.refusal
         return None
+
+    def _takes_suite_folders(self, seen):
+        here = self.installation
+        return all(self._takes_folder(folder, seen) for folder in (here.common, here.unshipped, here.programs))
+
+    def _takes_folder(self, folder, seen):
+        """Whether a folder's name can become a part of Python text; where it cannot, that ends the program."""
+        if is_utf8(folder) and not set(folder) & set("\"\r\n"):
+            return True
+        seen.problem = "the name of the folder %s cannot become a part of Python text" % folder
+        self._end(seen, "py_eval(setting.c_str())")
+        return False
 
     @staticmethod
     def _end(seen, text):

@@ -11,7 +11,7 @@ import sys
 import sysconfig
 import types
 
-from pgm_python_authors.bench import module_name
+from pgm_python_authors.bench import is_utf8, module_name
 
 # The first numbers of compiled files and the version from which each holds.
 _MAGIC = ((3379, "3.6"), (3390, "3.7"), (3400, "3.8"), (3420, "3.9"), (3430, "3.10"), (3450, "3.11"), (3500, "3.12"),
@@ -486,15 +486,6 @@ def _due(kind):
     return {"text": "a str", "text_or_bytes": "a str or bytes", "number": "an int", "bytes": "a bytearray",
             "key": "True", "memory": "a list of three", "chunks": "a list of bytearrays",
             "hash_and_size": "a list of two"}[kind]
-
-
-def is_utf8(text):
-    """Whether a name of the file system is UTF-8."""
-    try:
-        text.encode("utf-8")
-    except UnicodeEncodeError:
-        return False
-    return True
 
 
 def name_problems(path, preloaded, as_module):
