@@ -7,6 +7,7 @@ authors_first_hour_test.py PROGRAMS PACKAGES SOURCES: the folder of the programs
 project's sources.
 """
 
+import ctypes
 import glob
 import json
 import os
@@ -24,6 +25,7 @@ sys.dont_write_bytecode = True
 PROGRAMS, PACKAGES, SOURCES = sys.argv[1:4]
 sys.path.insert(0, PACKAGES)
 
+from pgm_python_authors.bench import Bench, Installation
 from pgm_python_authors.check import Checker
 from pgm_python_authors.operations import OPERATIONS
 
@@ -150,6 +152,24 @@ def has(program):
         [program, "--version"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) == 0
 
 
+def without_rights():
+    """Leaves out of the process that root goes past the rights of files."""
+    if os.geteuid() == 0:
+        for capability in (1, 2):  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH; 24 is PR_CAPBSET_DROP
+            if ctypes.CDLL(None).prctl(24, capability, 0, 0, 0) != 0:
+                raise OSError("the capability stays")
+
+
+def rights_count():
+    """Whether a process can be started that is kept out by the rights of files."""
+    with tempfile.NamedTemporaryFile() as stream:
+        os.chmod(stream.name, 0)
+        try:
+            return subprocess.call(["cat", stream.name], preexec_fn=without_rights, stderr=subprocess.DEVNULL) != 0
+        except (OSError, AttributeError, subprocess.SubprocessError):
+            return False
+
+
 class FirstHourTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -213,7 +233,8 @@ class FirstHourTest(unittest.TestCase):
     def check(self, *arguments, **keywords):
         """The checker's report."""
         done = subprocess.run([CHECK, "--json"] + list(arguments), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                              env=keywords.get("environment", self.own), timeout=300)
+                              env=keywords.get("environment", self.own), timeout=300,
+                              preexec_fn=keywords.get("preexec_fn"))
         self.assertIn(done.returncode, (0, 1), done.stderr.decode("utf-8", "replace"))
         report = json.loads(done.stdout.decode("utf-8"))
         self.assertEqual(report["status"], done.returncode)
@@ -378,11 +399,174 @@ class FirstHourTest(unittest.TestCase):
         for arguments in (["--no-such-option"], [self.paths[MODIFY]], [self.paths[MODIFY], "--as", "nothing"],
                           ["missing.py", "--as", "modify_bitstream"], ["--as", "modify_bitstream"], ["--call"],
                           ["--call", "nothing"], ["--call", "query_opn_enum", "many"], ["--call", "get_username", "a", "b"],
-                          [self.paths[MODIFY], "--as", "get_username", "--function", "invert"]):
+                          [self.paths[MODIFY], "--as", "get_username", "--function", "invert"],
+                          ["--call="], ["--call=nothing"], ["--call=get_username", "a", "b"],
+                          *(["--timeout", text] for text in ("nan", "inf", "-inf", "1e10", "0", "-1", "soon")),
+                          [self.folder, "--as", "modify_bitstream"], [os.devnull, "--as", "modify_bitstream"],
+                          [self.folder, "--call", "get_username", "a"]):
             with self.subTest(arguments=arguments):
                 status = subprocess.call([CHECK] + arguments, env=self.own, stdout=subprocess.DEVNULL,
                                          stderr=subprocess.DEVNULL)
                 self.assertEqual(status, 2)
+
+    def usage_error(self, *arguments, **keywords):
+        done = subprocess.run([CHECK] + list(arguments), stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=self.own,
+                              preexec_fn=keywords.get("preexec_fn"))
+        self.assertEqual(done.returncode, 2)
+        return done.stderr.decode("utf-8").splitlines()[-1]
+
+    def test_a_call_may_be_one_word_with_its_operation(self):
+        report = self.check("--call=modify_bitstream", self.folder + "/design.bin", self.paths[MODIFY], "invert")
+        self.assertEqual((report["status"], report["call"]["right"]), (0, True))
+
+    def test_a_script_without_a_function_is_told_what_can_be_named(self):
+        folder = self.folder + "/choice"
+        os.makedirs(folder)
+        self.write(folder, "ok", "def f(d):\n    return bytearray(d)\n\n\ndef two(a, b):\n    return bytearray(a)\n")
+        report = self.check(folder + "/ok.py", "--as", "modify_bitstream")
+        self.assertEqual([(each["severity"], each["text"]) for each in report["findings"]
+                          if each["code"] == "functions"], [("note", "functions that a program can name: f")])
+        self.assertEqual(report["status"], 0)
+        self.write(folder, "none", "VALUE = 5\n")
+        report = self.check(folder + "/none.py", "--as", "modify_bitstream")
+        self.assertEqual([(each["severity"], each["text"]) for each in report["findings"] if each["code"] == "functions"],
+                         [("fault", "it has no function that takes the one argument")])
+
+    def test_an_answer_that_cannot_be_told_is_wrong_and_no_crash(self):
+        folder = self.folder + "/large"
+        os.makedirs(folder)
+        self.write(folder, "large", "def f(d):\n    return 10**6000\n\n\ndef own(d):\n    a = []\n    a.append(a)\n"
+                   "    return a\n")
+        for function, kind in (("f", "int"), ("own", "list")):
+            report = self.check("--call", "modify_bitstream", os.devnull, folder + "/large.py", function)
+            self.assertEqual((report["status"], report["call"]["answer_type"], report["call"]["value"]),
+                             (1, kind, None))
+            self.assertIn("no bytes, size 0", report["findings"][0]["hint"])
+
+    def test_a_failure_without_a_line_of_the_author_names_the_script(self):
+        folder = self.folder + "/no_line"
+        os.makedirs(folder)
+        path = folder + "/zero.py"
+        with open(path, "wb") as stream:
+            stream.write(b"def f(d):\n    return d\n\0\n")
+        report = self.check("--call", "modify_bitstream", os.devnull, path, "f")
+        self.assertEqual([each["file"] for each in report["findings"]], [path])
+        self.assertIn("null bytes", report["findings"][0]["text"])
+
+    @unittest.skipUnless(rights_count(), "this user may read and enter everything")
+    def test_what_may_not_be_read_is_told_by_its_name(self):
+        folder = self.folder + "/rights"
+        common, unshipped = folder + "/common/programmer", folder + "/unshipped/programmer"
+        for each in (common + "/python/source", unshipped + "/python", unshipped + "/mysql"):
+            os.makedirs(each)
+        path = folder + "/invert.py"
+        shutil.copy(self.paths[MODIFY], path)
+        own = dict(self.own, PGM_COMMON_PROGRAMMER_DIR=common, PGM_UNSHIPPED_PROGRAMMER_DIR=unshipped)
+        script = common + "/python/norvane_sign.py"
+        shutil.copy(self.paths[MODIFY], script)
+
+        def found(place, *arguments):
+            report = self.check(*arguments, environment=own, preexec_fn=without_rights)
+            self.assertEqual(report["status"], 1)
+            return [(each["severity"], each["text"]) for each in report["findings"] if each["file"] == place]
+
+        os.chmod(path, 0)
+        call = found(path, "--call", "modify_bitstream", os.devnull, path, "invert")
+        self.assertEqual(len(call), 1)
+        self.assertTrue(call[0][1].startswith("PermissionError: "), call)
+        self.assertEqual(found(path, path, "--as", "modify_bitstream"),
+                         [("fault", "it cannot be read: Permission denied")])
+        for closed, place, mode in ((common + "/python", common + "/python", 0o600), (common, common, 0o600),
+                                    (common, common, 0), (unshipped + "/mysql", unshipped + "/mysql", 0o300)):
+            with self.subTest(closed=closed, mode=mode):
+                os.chmod(closed, mode)
+                try:
+                    told = found(place)
+                    self.assertEqual(len(told), 1, told)
+                    self.assertEqual(told[0][0], "fault")
+                    self.assertTrue(told[0][1].endswith("cannot be entered: Permission denied"), told)
+                    if closed != unshipped + "/mysql":
+                        told = found(script)
+                        self.assertEqual(set(told), {("fault", "the script cannot be reached: Permission denied")})
+                finally:
+                    os.chmod(closed, 0o700)
+        os.chmod(path, 0o600)
+        os.chmod(folder, 0)
+        try:
+            for arguments in ([path, "--as", "modify_bitstream"],
+                              [path, "--call", "modify_bitstream", os.devnull, "x.py", "invert"]):
+                self.assertTrue(self.usage_error(*arguments, preexec_fn=without_rights).endswith(
+                    path + " cannot be reached: Permission denied"))
+        finally:
+            os.chmod(folder, 0o700)
+
+    def test_folders_in_the_place_of_scripts_are_told(self):
+        self.assertTrue(self.usage_error(self.folder, "--as", "run_python_file").endswith(self.folder + " is a folder"))
+        self.assertTrue(self.usage_error("missing.py", "--as", "run_python_file").endswith("missing.py does not exist"))
+        common = self.folder + "/in_place/programmer"
+        os.makedirs(common + "/python/norvane_sign.py")
+        open(common + "/python/source", "w").close()
+        report = self.check(environment=dict(self.own, PGM_COMMON_PROGRAMMER_DIR=common))
+        told = {each["file"]: each["text"] for each in report["findings"] if each["severity"] == "fault"}
+        self.assertEqual(told[common + "/python/norvane_sign.py"], "the script is a folder")
+        self.assertEqual(told[common + "/python/source"], "this folder of scripts is no folder")
+
+    def test_a_name_that_is_not_utf_8_is_a_fault(self):
+        path = self.folder + "/by\udcff.py"
+        shutil.copy(self.paths[MODIFY], path)
+        self.addCleanup(os.remove, path)
+        report = self.check(path, "--as", "modify_bitstream", "--function", "invert")
+        self.assertEqual([(each["severity"], each["code"]) for each in self.alarms(report)], [("fault", "file-name")])
+        self.assertIn("UTF-8", self.alarms(report)[0]["text"])
+        report = self.check(path, "--as", "run_python_file")
+        self.assertEqual([each["code"] for each in self.alarms(report)], ["does-nothing"])
+
+    def test_a_main_program_that_ends_the_process_is_seen_as_it_is(self):
+        folder = self.folder + "/ending"
+        os.makedirs(folder)
+        self.write(folder, "ending", "import os\nprint('so far', flush=True)\nos._exit(0)\n")
+        run = subprocess.run([os.path.join(PROGRAMS, "pgm_python_run"), folder + "/ending.py"], stdout=subprocess.PIPE,
+                             stderr=subprocess.STDOUT, env=self.own)
+        self.assertEqual((run.returncode, run.stdout), (0, b"so far\n"))
+        seen = Bench(Installation(self.folder + "/common/programmer", self.folder + "/unshipped/programmer",
+                                  PROGRAMS)).run(folder + "/ending.py")
+        self.assertEqual((seen.messages, seen.output, seen.is_right), ([], "so far\n", False))
+        self.assertEqual(seen.problem, "the script ended the process, status 0")
+
+    def failed(self, command, **variables):
+        done = subprocess.run(["bash", "-c", command, CHECK, CHECK, self.paths[MODIFY]], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, env=dict(self.own, **variables), timeout=120)
+        self.assertEqual(done.returncode, 1, done)
+        lines = done.stderr.decode("utf-8").splitlines()
+        self.assertEqual(len(lines), 1, lines)
+        self.assertTrue(lines[0].startswith("pgm_python_check: "), lines)
+        return lines[0]
+
+    @unittest.skipUnless(shutil.which("bash"), "bash is not there")
+    def test_output_that_cannot_be_written_is_told(self):
+        check = '"$1" "$2" --as modify_bitstream --function invert'
+        for arguments in (check, check + " --json", '"$1" --operations', '"$1" --help', '"$1" --version'):
+            with self.subTest(arguments=arguments):
+                if os.path.exists("/dev/full"):
+                    self.assertIn("standard output: No space left", self.failed(arguments + " >/dev/full"))
+                self.assertIn("Broken pipe", self.failed("{ sleep 1; %s; } | true; exit ${PIPESTATUS[0]}" % arguments))
+                self.assertIn("standard output is closed", self.failed(arguments + " >&-"))
+        done = subprocess.run(["bash", "-c", '"$1" --no-such-option 2>&-', CHECK, CHECK], env=self.own,
+                              stdout=subprocess.PIPE)
+        self.assertEqual(done.returncode, 2)
+
+    def test_a_check_without_a_place_for_its_files_is_told(self):
+        code = ("import errno, sys, tempfile\nsys.path.insert(0, sys.argv[1])\nfrom pgm_python_authors import check\n"
+                "def full(*words, **more):\n    raise OSError(errno.ENOSPC, 'No space left on device', '/tmp/x')\n"
+                "def none(*words, **more):\n    raise FileNotFoundError(errno.ENOENT, 'No usable folder')\n"
+                "tempfile.TemporaryDirectory = {'full': full, 'none': none}[sys.argv[2]]\n"
+                "sys.exit(check.main(sys.argv[3:]))\n")
+        for what, text in (("full", "the check cannot be done: /tmp/x: No space left on device"),
+                           ("none", "the check cannot be done: No usable folder")):
+            done = subprocess.run([sys.executable, "-c", code, PACKAGES, what, self.paths[MODIFY], "--as",
+                                   "modify_bitstream"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=self.own)
+            self.assertEqual((done.returncode, done.stdout, done.stderr.decode("utf-8").splitlines()),
+                             (1, b"", ["pgm_python_check: " + text]))
 
     def test_a_call_tells_what_a_program_sees(self):
         design = self.folder + "/design.bin"

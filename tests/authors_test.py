@@ -8,10 +8,18 @@ import json
 import os
 import py_compile
 import re
+import select
+import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
+
+try:
+    import pty
+except ImportError:  # no such terminals
+    pty = None
 
 sys.dont_write_bytecode = True
 os.environ["PYTHONDONTWRITEBYTECODE"] = "1"
@@ -80,7 +88,7 @@ def to_word(value):
         value = str(value)
     elif isinstance(value, dict):
         value = ",".join("%s=%s" % entry for entry in value.items())
-    return "x" + (value if isinstance(value, bytes) else value.encode("utf-8")).hex()
+    return "x" + (value if isinstance(value, bytes) else value.encode("utf-8", "surrogateescape")).hex()
 
 
 def from_word(word):
@@ -121,7 +129,7 @@ class Library:
             if line[0] == "value":
                 results.append(line[1])
             else:
-                text = from_word(line[1]).decode("utf-8")
+                text = from_word(line[1]).decode("utf-8", "surrogateescape")
                 reports.append(text.rpartition(" [")[0] if text.startswith("internal error") else text)
 
 
@@ -278,6 +286,158 @@ class AuthorsTest(unittest.TestCase):
         else:
             self.assertEqual(seen.value, expected)
 
+    def test_answers_of_any_size_and_depth_are_seen_as_the_library_gives_them(self):
+        kinds = {}
+        for operation, function in self.functions():
+            kinds.setdefault(operation.answer_of(function), (operation, function))
+        bodies = ("    return 10**6000\n",
+                  "    return type('Number', (), {'__index__': lambda self: 10**6000})()\n",
+                  "    return [bytearray(b'ab'), 10**6000]\n",
+                  "    return [bytearray(b'ab'), 10**6000, 5]\n",
+                  "    answer = []\n    answer.append(answer)\n    return answer\n",
+                  "    answer = [bytearray(b'ab'), 5, 6]\n    answer[1:2] = [answer]\n    return answer\n",
+                  "    answer = []\n    for _ in range(100000):\n        answer = [answer]\n    return answer\n",
+                  "    answer = ()\n    for _ in range(100000):\n        answer = (answer,)\n    return [answer, 5]\n")
+        for kind, (operation, function) in kinds.items():
+            for body in bodies:
+                with self.subTest(kind=kind, body=body):
+                    # What ends in an internal error leaves a list of that depth to the end of the process.
+                    library = Library(self.installation)
+                    self.addCleanup(library.close)
+                    seen, _ = self.compare(operation, function, "def %s(*arguments):\n%s" % (function, body), library)
+                    self.assertNotEqual(seen.answer_type, None)
+
+    def test_answers_that_lie_about_themselves_are_seen_as_the_library_gives_them(self):
+        classes = ("(int,), {'__int__': lambda self: 9})(7)", "(int,), {'__repr__': lambda self: 1 / 0})(7)",
+                   "(bytearray,), {'__iter__': None, '__len__': lambda self: 99})(b'ab')",
+                   "(bytes,), {'__bytes__': lambda self: b'no'})(b'ab')",
+                   "(), {'__class__': property(lambda self: bytearray)})()",
+                   "(), {'__class__': property(lambda self: 1 / 0)})()",
+                   "(list,), {'__iter__': lambda self: 1 / 0})([bytearray(b'ab'), 5])",
+                   "(), {'__repr__': lambda self: __import__('sys').exit(3)})()",
+                   "(), {'__index__': lambda self: __import__('sys').exit(3)})()")
+        kinds = {}
+        for operation, function in self.functions():
+            kinds.setdefault(operation.answer_of(function), (operation, function))
+        for kind, (operation, function) in kinds.items():
+            for each in classes:
+                with self.subTest(kind=kind, answer=each):
+                    self.compare_answer(operation, function, kind, "type('Own', " + each)
+
+    def test_texts_that_are_not_utf_8_are_seen_as_the_library_takes_them(self):
+        wrong = "b\udcff"
+        compared = 0
+        for operation, function in {operation: function for operation, function in self.functions()}.items():
+            kind = operation.answer_of(function)
+            source = self.source(operation, function, RIGHT[kind])
+            script = self.place(operation, source)
+            for index, value in enumerate(operation.values):
+                texts = {"text": wrong, "map": {"a": wrong}, "texts": ["--first", wrong], "function": wrong}
+                if value.kind not in texts or value.kind == "function" and operation.functions:
+                    continue
+                values = self.values(operation, script, function)
+                values[index] = texts[value.kind]
+                if value.check in (".zky", ".pem"):
+                    values[index] = self.folder + "/" + wrong + value.check
+                    open(values[index], "w").close()
+                with self.subTest(operation=operation.name, function=function, value=value.name):
+                    if os.path.exists(self.record):
+                        os.remove(self.record)
+                    library = Library(self.installation)
+                    self.addCleanup(library.close)
+                    words, messages = library.call(operation, values)
+                    called = os.path.exists(self.record)
+                    if called:
+                        os.remove(self.record)
+                    seen = self.bench.call(operation.name, *values)
+                    self.assertEqual(seen.messages, messages)
+                    self.assertEqual(seen.internal_error is not None, words == ["thrown"])
+                    self.assertEqual(os.path.exists(self.record), called)
+                    if words != ["thrown"]:
+                        self.assertEqual(seen.value, as_seen(kind, words))
+                    compared += 1
+        self.assertGreaterEqual(compared, 20)
+
+    def test_a_module_name_that_is_not_utf_8_is_told_as_the_library_tells_it(self):
+        operation = OPERATIONS["modify_bitstream"]
+        path = self.folder + "/by\udcff.py"
+        with open(path, "w") as stream:
+            stream.write("def change(data):\n    return data\n")
+        values = [CONTENT, path, "change"]
+        words, messages = self.library.call(operation, values + [[]])
+        seen = self.bench.call(operation.name, *values)
+        self.assertEqual(messages[:1], ["error: Fail to convert module name by\udcff to PyObject"])
+        self.assertEqual((seen.messages, seen.value), (messages, as_seen("bytes", words)))
+        self.assertIn("UnicodeDecodeError", seen.problem)
+
+    def test_folders_that_cannot_become_python_text_are_refused_as_by_the_library(self):
+        for name in ("by\udcff", 'a "quoted" one', "two\nlines", "an \u00e4"):
+            folder = "%s/%s" % (self.folder, name)
+            for kind in ("script", "common"):
+                installation = self.installation
+                path = folder + "/change.py"
+                if kind == "common":
+                    installation = Installation(folder, self.installation.unshipped, self.installation.programs)
+                    path = self.folder + "/change.py"
+                os.makedirs(folder, exist_ok=True)
+                with open(path, "w") as stream:
+                    stream.write("def change(data):\n    return data\n")
+                with self.subTest(name=name, kind=kind):
+                    library = Library(installation)
+                    self.addCleanup(library.close)
+                    words, messages = library.call(OPERATIONS["modify_bitstream"], [CONTENT, path, "change", []])
+                    seen = Bench(installation).call("modify_bitstream", CONTENT, path, "change")
+                    self.assertEqual(seen.messages, messages)
+                    self.assertEqual(seen.internal_error is not None, words == ["thrown"])
+                    self.assertEqual(seen.is_right, "\u00e4" in name)
+                    seen = Bench(installation).run(path)
+                    self.assertEqual(seen.messages, messages)
+
+    def test_an_argument_that_is_not_utf_8_comes_after_the_script(self):
+        operation = OPERATIONS["get_nwfmt_data"]
+        for source in ("raise ValueError\n", "def other():\n    pass\n"):
+            for values in (["b\udcff"], ["a", {"a": "b\udcff"}], ["a", {"a": "b\udcff"}, {}, "b\udcff"]):
+                with self.subTest(source=source, values=values):
+                    library = Library(self.installation)
+                    self.addCleanup(library.close)
+                    given = [self.place(operation, source), "get_bram_chunks"] + values
+                    filled = given + ["", {}, {}, "", {}, {}][len(values):]
+                    _, messages = library.call(operation, filled)
+                    self.assertEqual(self.bench.call(operation.name, *given).messages, messages)
+
+    def test_a_process_that_goes_on_is_not_waited_for(self):
+        starting = ("import subprocess, sys\n\ndef get_username(user):\n"
+                    "    subprocess.Popen([sys.executable, '-c', 'import time; time.sleep(40)'])\n    return user\n")
+        forking = ("import os, time\nif os.fork() == 0:\n    time.sleep(40)\n    os._exit(0)\n\n"
+                   "def get_username(user):\n    print('as it goes', flush=True)\n    return user\n")
+        operation = OPERATIONS["get_username"]
+        bench = Bench(self.installation, timeout=30)
+        for source, output in ((starting, ""), (forking, "as it goes\n")):
+            with self.subTest(source=source):
+                self.place(operation, source)
+                begin = time.monotonic()
+                seen = bench.call(operation.name, "somebody")
+                self.assertLess(time.monotonic() - begin, 25)
+                self.assertEqual((seen.value, seen.messages, seen.output), ("somebody", [], output))
+
+    def test_what_a_script_wrote_before_its_time_was_over_is_told(self):
+        self.place(OPERATIONS["get_username"], "import time\n\ndef get_username(user):\n"
+                   "    print('begun', flush=True)\n    time.sleep(60)\n")
+        seen = Bench(self.installation, timeout=2).call("get_username", "somebody")
+        self.assertEqual((seen.output, seen.problem), ("begun\n", "the script did not end within 2 seconds"))
+
+    def test_the_first_line_of_an_exception_is_its_cause(self):
+        for raised, problem in (("ValueError('first\\nsecond')", "ValueError: first"),
+                                ("ValueError('\\nfirst\\nsecond')", "ValueError: first"),
+                                ("KeyError('a')", "KeyError: 'a'"), ("KeyError", "KeyError"),
+                                ("noted(ValueError('first'))", "ValueError: first"),
+                                ("SyntaxError('first', ('x.py', 1, 1, 'text'))", "SyntaxError: first")):
+            with self.subTest(raised=raised):
+                self.place(OPERATIONS["get_username"],
+                           "def noted(error):\n    if hasattr(error, 'add_note'):\n        error.add_note('a note')\n"
+                           "    return error\n\ndef get_username(user):\n    raise %s\n" % raised)
+                self.assertEqual(self.bench.call("get_username", "somebody").problem, problem)
+
     def test_failures_are_seen_as_the_library_tells_them(self):
         failures = (
             ("raises", "def %s(*arguments):\n    raise ValueError('no')\n"),
@@ -385,6 +545,46 @@ def external_verify_ccert_function(content):
                 compared += 1
         self.assertGreaterEqual(compared, 3)
         self.assertIn("Refusal", own)
+
+
+@unittest.skipUnless(shutil.which("bash") and pty, "bash or a terminal is not there")
+class BashCompletion(unittest.TestCase):
+    def test_files_are_completed_as_in_the_other_programs(self):
+        lines = set()
+        for name in ("pgm_python_check", "pgm_python_call", "pgm_python_run"):
+            path = os.path.join(PACKAGES, "..", "..", "bash-completion", "completions", name)
+            if name == "pgm_python_check" or os.path.exists(path):
+                with open(path, encoding="utf-8") as stream:
+                    lines.add(stream.read().splitlines()[-1].replace(name, "NAME"))
+        self.assertEqual(len(lines), 1, lines)
+
+    def test_names_with_blanks_and_files_in_folders_are_completed(self):
+        completion = os.path.abspath(os.path.join(PACKAGES, "..", "..", "bash-completion", "completions",
+                                                  "pgm_python_check"))
+        with tempfile.TemporaryDirectory() as folder:
+            os.makedirs(folder + "/a folder/inside")
+            open(folder + "/a folder/inside/my script.py", "w").close()
+            with open(folder + "/start", "w") as stream:
+                stream.write("PS1=; bind 'set enable-bracketed-paste off'\nsource '%s'\n"
+                             "pgm_python_check() { printf '%%s\\n' \"$@\" >>words; }\n" % completion)
+            pid, terminal = pty.fork()
+            if pid == 0:
+                os.chdir(folder)
+                os.environ["TERM"] = "dumb"
+                os.execvp("bash", ["bash", "--noprofile", "--rcfile", "start", "-i"])
+            # One key stroke for each step, as the shell reads what was typed ahead.
+            os.write(terminal, b"pgm_python_check a\tin\tm\t --as modify_b\t --func\t one\rexit\r")
+            end = time.monotonic() + 30
+            while time.monotonic() < end and os.waitpid(pid, os.WNOHANG) == (0, 0):
+                if select.select([terminal], [], [], 0.1)[0]:
+                    try:
+                        os.read(terminal, 4096)
+                    except OSError:
+                        time.sleep(0.05)
+            os.close(terminal)
+            with open(folder + "/words") as stream:
+                self.assertEqual(stream.read().splitlines(),
+                                 ["a folder/inside/my script.py", "--as", "modify_bitstream", "--function", "one"])
 
 
 class ManualPage(unittest.TestCase):

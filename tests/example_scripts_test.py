@@ -271,8 +271,13 @@ class ReasonsTest(ScriptTest):
         self.assertEqual(self.pieces(*reasons, "y"), ["x"] * 169 + ["and 3 more reasons"])
 
     def test_a_first_piece_too_long_is_cut_at_a_whole_character(self):
-        self.assertEqual(self.pieces("a" + "é" * 2000), ["a" + "é" * 1023])
-        self.assertEqual(self.pieces("a" + "é" * 2000, "b"), ["a" + "é" * 1009, "and 1 more reason"])
+        self.assertEqual(self.pieces("a" + "é" * 2000), ["a" + "é" * 1022 + "..."])
+        self.assertEqual(self.pieces("é" * 2000), ["é" * 1022 + "..."])
+        self.assertEqual(self.pieces("a" + "é" * 2000, "b"), ["a" + "é" * 1008 + "...", "and 1 more reason"])
+
+    def test_a_piece_that_just_fits_is_not_cut(self):
+        self.assertEqual(self.pieces("a" * 2048), ["a" * 2048])
+        self.assertEqual(self.pieces("a" * 2049), ["a" * 2045 + "..."])
 
     def test_every_line_of_a_reason_is_a_piece(self):
         self.assertEqual(self.pieces("one\ntwo\r\n\n  three\n", "four"), ["one", "two", "  three", "four"])
@@ -380,6 +385,47 @@ class ReasonsTest(ScriptTest):
         with self.assertRaises(KeyError):
             fail()
         self.assertEqual(self.listener.pieces(), ["KeyError: 'key'"])
+
+    def test_an_exception_without_a_text_is_told_by_its_type(self):
+        class Mute(Exception):
+            def __str__(self):
+                raise RuntimeError("no text")
+
+        class Bare(Refusal):
+            def __init__(self):
+                pass
+
+        for error, pieces in ((Mute(), ["Mute"]), (Refusal("first", Mute(), "third"), ["first", "Mute", "third"]),
+                              (OSError(5, Mute()), ["OSError"]), (Bare(), ["Bare"])):
+            with self.subTest(pieces=pieces):
+                @pgm_python_reasons.tells_reasons
+                def fail():
+                    raise error
+
+                self.new_listener()
+                with self.assertRaises(type(error)) as caught:
+                    fail()
+                self.assertIs(caught.exception, error)
+                self.assertEqual(self.listener.pieces(), pieces)
+        self.assertEqual(str(Refusal("first", Mute())), "first; Mute")
+
+    def test_a_main_program_without_a_text_of_its_error_ends_with_status_1(self):
+        script = self.write("fail.py", b"from pgm_python_reasons import *\n"
+                                       b"class Mute(Exception):\n    def __str__(self):\n        raise ValueError\n"
+                                       b"def main():\n    raise Mute\nrun_main(main)\n")
+        self.assertEqual(self.run_program(script), (1, "", ""))
+        self.assertEqual(self.listener.pieces(), ["Mute"])
+        status, output, errors = self.run_program(script)
+        self.assertEqual((status, output, errors.splitlines()), (1, "", ["error: Mute"]))
+
+    def test_an_exit_with_a_text_is_told(self):
+        for code, pieces in (("no licence", ["no licence"]), (3, []), (0, []), (None, []), ("", [])):
+            with self.subTest(code=code):
+                self.new_listener()
+                with self.assertRaises(SystemExit) as caught:
+                    pgm_python_reasons.tells_reasons(sys.exit)(code)
+                self.assertEqual(caught.exception.code, code)
+                self.assertEqual(self.listener.pieces(), pieces)
 
     def test_an_operating_system_error_names_the_file(self):
         try:

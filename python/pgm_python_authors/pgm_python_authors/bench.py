@@ -4,6 +4,7 @@ Each call has a Python process of its own, as it has a session of its own in the
 sys.argv, the search path, PGM_PYTHON_BIN_DIR and the listener for reasons are those of the operation.
 """
 
+import argparse
 import json
 import os
 import subprocess
@@ -18,6 +19,19 @@ _PACKAGES = os.path.dirname(os.path.dirname(_SESSION))
 # Where this package is installed with the programs: share/pgm_python/authors/pgm_python_authors beside bin.
 _PROGRAMS = os.path.normpath(os.path.join(os.path.dirname(_SESSION), "..", "..", "..", "..", "bin"))
 NO_NUMBER = 0xFFFFFFFF
+# No script takes longer, and no system waits for ever.
+MOST_SECONDS = 1000000.0
+
+
+def read_seconds(text):
+    """The number of seconds of a command line."""
+    try:
+        seconds = float(text)
+    except ValueError:
+        seconds = 0.0
+    if not 0.0 < seconds <= MOST_SECONDS:
+        raise argparse.ArgumentTypeError("%s is no number of seconds above 0, %.0f at most" % (text, MOST_SECONDS))
+    return seconds
 
 
 class Installation:
@@ -81,6 +95,15 @@ def module_name(path):
     return None
 
 
+def is_utf8(text):
+    """Whether a text or a name of the file system is UTF-8."""
+    try:
+        text.encode("utf-8")
+    except UnicodeEncodeError:
+        return False
+    return True
+
+
 def cut(text):
     """A text as it goes to a script or comes back: up to its first zero character."""
     return text.split("\0")[0]
@@ -139,8 +162,8 @@ class Wrong(Exception):
 
 
 def _number(told, seen, what):
-    number = told.get("index", told["value"] if told["kind"] in ("int", "bool") else None)
-    if number is not None and -0x80000000 <= int(number) <= 0x7FFFFFFF:
+    number = told.get("index", told.get("value") if told["kind"] in ("int", "bool") else None)
+    if number is not None and not number.startswith("of ") and -0x80000000 <= int(number) <= 0x7FFFFFFF:
         return int(number) & 0xFFFFFFFF
     if number is not None:
         _note(seen, "%s %s does not fit into a signed 32-bit number" % (what, number))
@@ -276,13 +299,18 @@ class Bench:
             return self._end(seen, "Python script %s doest not exist" % path)
         if operation.functions and function not in dict(operation.functions):
             return self._end(seen, "Function %s is not supported" % function)
+        if operation.suite_folders and not self._takes_suite_folders(seen):
+            return seen
         module = module_name(path)
         if module is None:
             return self._end(seen, "Python script %s must have extension of .py or .pyc" % path)
+        if not self._takes_folder(os.path.dirname(os.path.abspath(path)), seen):
+            return seen
         if not module:
             return self._end(seen, "mysql_file.size()" if operation.folder == "database" else "filename.size()")
         request = self.request(operation, path, function, given)
         reply, reasons = self.ask(request, seen, bool(operation.channel))
+        self._take_error(reply, seen, path)
         return self._tell(operation, function, module, kind, reply, reasons, seen)
 
     def run(self, script, *arguments):
@@ -294,15 +322,19 @@ class Bench:
             seen.problem = "Python script %s doest not exist" % path
             seen.messages.append("error: " + seen.problem)
             return seen
+        if not self._takes_suite_folders(seen):
+            return seen
         if module_name(path) is None:
             return self._end(seen, "Python script %s must have extension of .py or .pyc" % path)
+        if not self._takes_folder(os.path.dirname(os.path.abspath(path)), seen):
+            return seen
         request = self._request(path, self.installation.suite_path)
         request.update(main=True, argv=[path] + list(arguments))
         reply, reasons = self.ask(request, seen, True)
-        self._take_error(reply, seen)
+        self._take_error(reply, seen, path)
         if reply["stage"] == "answer":
             seen.value = seen.succeeded = True
-        else:
+        elif reply["stage"] != "gone":
             seen.messages.append("error 20354: Fail to execute file %s" % path)
             self._take_reasons(reasons, seen)
         return seen
@@ -320,6 +352,7 @@ class Bench:
             request["function"] = function
             request["arguments"] = [
                 {"kind": argument.kind, "value": given[argument.name]} for argument in operation.arguments]
+            request["arguments_first"] = operation.arguments_first
             if operation.command_line == "options":
                 request["argv"] += ["--zky=" + given["zky"], "--pem=" + given["pem"]]
             elif operation.command_line == "texts":
@@ -352,24 +385,41 @@ class Bench:
                 return reply, listener.reasons(reply["error"] is not None)
 
     def _start(self, command, environment, answer, seen):
-        with open(os.devnull, "rb") as nothing:
-            try:
-                done = subprocess.run(command, stdin=nothing, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                      env=environment, timeout=self.timeout)
-            except subprocess.TimeoutExpired as error:
-                seen.output, seen.errors = self._text(error.stdout), self._text(error.stderr)
-                return self._no_reply("the script did not end within %g seconds" % self.timeout)
-        seen.output, seen.errors = self._text(done.stdout), self._text(done.stderr)
+        # Files: the end of a pipe would not come before every process that the script has started has ended, too.
+        with tempfile.TemporaryFile() as output, tempfile.TemporaryFile() as errors:
+            status = self._wait(subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=errors,
+                                                 env=environment))
+            seen.output, seen.errors = self._text(output), self._text(errors)
+        if status is None:
+            return self._no_reply("the script did not end within %g seconds" % self.timeout)
         if not os.path.exists(answer):
-            if done.returncode < 0:
-                return self._no_reply("the script was ended by signal %d" % -done.returncode)
-            return self._no_reply("the script ended the process, status %d" % done.returncode)
+            if status < 0:
+                return self._no_reply("the script was ended by signal %d" % -status)
+            return self._no_reply("the script ended the process, status %d" % status)
         with open(answer, encoding="utf-8") as stream:
             return json.load(stream)
 
+    def _wait(self, process):
+        """The exit status of a process; None where it had to be ended."""
+        with process:
+            try:
+                return process.wait(self.timeout)
+            except subprocess.TimeoutExpired:
+                process.kill()
+            except BaseException:
+                process.kill()
+                raise
+        return None
+
     @staticmethod
-    def _text(data):
-        return (data or b"").decode("utf-8", "replace")
+    def _text(stream):
+        if hasattr(os, "pread"):
+            # The place in the file stays where a process that goes on writes.
+            data = os.pread(stream.fileno(), os.fstat(stream.fileno()).st_size, 0)
+        else:
+            stream.seek(0)
+            data = stream.read()
+        return data.decode("utf-8", "replace")
 
     @staticmethod
     def _no_reply(text):
@@ -380,7 +430,7 @@ class Bench:
         absolute = os.path.abspath(path)
         return {"main": False, "file": absolute, "argv": [path], "path": suite + [os.path.dirname(absolute)],
                 "environment": {"PGM_PYTHON_BIN_DIR": self.installation.programs}, "module": module_name(path),
-                "function": None, "functions": {}, "arguments": []}
+                "function": None, "functions": {}, "arguments": [], "arguments_first": False}
 
     @staticmethod
     def _take_values(operation, values):
@@ -433,6 +483,18 @@ class Bench:
                 return value.refusal
         return None
 
+    def _takes_suite_folders(self, seen):
+        here = self.installation
+        return all(self._takes_folder(folder, seen) for folder in (here.common, here.unshipped, here.programs))
+
+    def _takes_folder(self, folder, seen):
+        """Whether a folder's name can become a part of Python text; where it cannot, that ends the program."""
+        if is_utf8(folder) and not set(folder) & set("\"\r\n"):
+            return True
+        seen.problem = "the name of the folder %s cannot become a part of Python text" % folder
+        self._end(seen, "py_eval(setting.c_str())")
+        return False
+
     @staticmethod
     def _end(seen, text):
         seen.internal_error = text
@@ -441,12 +503,12 @@ class Bench:
         return seen
 
     @staticmethod
-    def _take_error(reply, seen):
+    def _take_error(reply, seen, path):
         seen.stage = reply["stage"]
         error = reply["error"]
         if error:
             seen.traceback, seen.problem = error["traceback"], error["text"]
-            seen.file, seen.line = error["file"], error["line"]
+            seen.file, seen.line = error["file"] or path, error["line"]
 
     @staticmethod
     def _take_reasons(reasons, seen):
@@ -454,13 +516,18 @@ class Bench:
         seen.messages += ["error 20353: " + reason for reason in reasons]
 
     def _tell(self, operation, function, module, kind, reply, reasons, seen):
-        self._take_error(reply, seen)
         stage = reply["stage"]
         if stage == "gone":
             return seen
-        if stage in ("start", "import", "function"):
+        if stage == "argument":
+            argument = operation.arguments[reply["refused"]]
+            seen.problem = "what the program gives as %s is not UTF-8" % argument.name
+            return self._end(seen, argument.refusal)
+        if stage in ("start", "name", "import", "function"):
             text = "Fail to load module %s" % module
-            if stage == "function":
+            if stage == "name":
+                text = "Fail to convert module name %s to PyObject" % module
+            elif stage == "function":
                 text = operation.lookup_failure.replace("%s", function)
             seen.messages.append("error: " + text)
             if operation.channel != "early":

@@ -2,17 +2,19 @@
 
 import argparse
 import importlib.machinery
+import io
 import json
 import os
 import re
 import socket
+import stat
 import statistics
 import subprocess
 import sys
 from typing import NamedTuple, Optional
 
 from pgm_python_authors import __version__
-from pgm_python_authors.bench import Bench, Installation, module_name
+from pgm_python_authors.bench import Bench, Installation, module_name, read_seconds
 from pgm_python_authors.operations import ANSWERS, CATALOGUE, OPERATIONS, PORT, RUNNER
 from pgm_python_authors.static import Problem, Returns, Script, name_problems
 
@@ -88,12 +90,17 @@ class Checker:
         here = self.installation
         for what, folder in (("common", here.common), ("unshipped", here.unshipped), ("programs'", here.programs)):
             self._check_folder_name("the %s folder" % what, folder)
-        if not os.path.isdir(here.common):
-            self.add("fault", "folder", "the common folder is not there", "PGM_COMMON_PROGRAMMER_DIR names it",
-                     file=here.common)
-        if not os.path.isdir(here.unshipped):
-            self.add("note", "folder", "the unshipped folder is not there", "PGM_UNSHIPPED_PROGRAMMER_DIR names it",
-                     file=here.unshipped)
+        for what, folder, missing in (("common", here.common, "fault"), ("unshipped", here.unshipped, "note")):
+            trouble = folder_trouble(folder)
+            if trouble:
+                self.add(missing if trouble == MISSING else "fault", "folder", "the %s folder %s" % (what, trouble),
+                         "PGM_%s_PROGRAMMER_DIR names it" % what.upper(), file=folder)
+        told = {here.common, here.unshipped}
+        for folder in here.suite_path + [here.folder(kind) for kind in ("unshipped", "database", "network")]:
+            trouble = None if folder in told else folder_trouble(folder)
+            told.add(folder)
+            if trouble and trouble != MISSING and not folder_trouble(os.path.dirname(folder)):
+                self.add("fault", "folder", "this folder of scripts %s" % trouble, file=folder)
 
     def _check_folder_name(self, what, folder):
         wrong = None
@@ -166,8 +173,11 @@ class Checker:
             if operation.script is None:
                 continue
             path = self.installation.find_script(operation, operation.script)
-            if os.path.exists(path):
+            trouble = file_trouble(path)
+            if trouble is None:
                 fixed.setdefault(path, []).append(operation)
+            elif trouble != MISSING:
+                self._add_script_trouble(path, trouble, operation.name)
             elif operation.may_be_missing:
                 self.add("note", "missing-script", "the script is not there: %s answers nothing" % operation.name,
                          operation=operation.name, file=path)
@@ -182,6 +192,9 @@ class Checker:
         self._check_catalogue(set(fixed))
         self._check_other_files()
 
+    def _add_script_trouble(self, path, trouble, operation=None):
+        self.add("fault", "unreadable", "the script %s" % trouble, operation=operation, file=path)
+
     def _check_reasons_module(self):
         folders = self.installation.suite_path
         if not any(os.path.isfile("%s/pgm_python_reasons.%s" % (folder, extension))
@@ -194,7 +207,7 @@ class Checker:
         folder = self.installation.folder("network")
         names = {name for name, _ in operation.functions}
         scripts = scripts_in(folder)
-        if not scripts:
+        if not scripts and folder_trouble(folder) in (None, MISSING):
             self.add("note", "missing-script", "no network-format scripts are there", operation=operation.name,
                      file=folder)
         for path in scripts:
@@ -205,10 +218,13 @@ class Checker:
     def _check_catalogue(self, checked):
         for row in CATALOGUE:
             path = "%s/%s" % (self.installation.folder(row.folder), row.file)
-            if not os.path.exists(path):
+            trouble = file_trouble(path)
+            if trouble == MISSING:
                 self.add("note", "missing-default", "the default script %s is not there" % row.name, file=path)
-                continue
-            if path not in checked:
+            elif trouble:
+                if not any(finding.code == "unreadable" and finding.file == path for finding in self.findings):
+                    self._add_script_trouble(path, trouble, RUNNER)
+            elif path not in checked:
                 self.check_main(path)
         known = {os.path.splitext(row.file)[0]: row for row in CATALOGUE}
         wanted = {"%s/%s" % (self.installation.folder(row.folder), row.file) for row in CATALOGUE}
@@ -361,7 +377,7 @@ class Checker:
             self._check_found(path, each, function, reply)
 
     def _check_found(self, path, operation, function, reply):
-        found = reply["functions"]
+        found = reply.get("functions", {})
         if function is None and operation.functions:
             if not found:
                 self.add("fault", "missing-function", "it has none of the functions %s" %
@@ -424,6 +440,34 @@ class Checker:
             if not undefined:
                 self.add("fault", "load", "it cannot be loaded: %s" % error["text"], operation=operation.name,
                          file=place, line=line)
+
+
+MISSING = "is not there"
+FOLDER = "is a folder"
+
+
+def file_trouble(path):
+    """Why there is no file of this name, or None; MISSING only where that is sure."""
+    try:
+        mode = os.stat(path).st_mode
+    except (FileNotFoundError, NotADirectoryError):
+        return MISSING
+    except OSError as error:
+        return "cannot be reached: %s" % error.strerror
+    return FOLDER if stat.S_ISDIR(mode) else None if stat.S_ISREG(mode) else "is no regular file"
+
+
+def folder_trouble(folder):
+    """Why there is no folder of this name that modules are found in, or None; MISSING only where that is sure."""
+    trouble = file_trouble(folder)
+    if trouble != FOLDER:
+        return trouble or "is no folder"
+    try:
+        os.stat(os.path.join(folder, "."))
+        os.listdir(folder)
+    except OSError as error:
+        return "cannot be entered: %s" % error.strerror
+    return None
 
 
 def scripts_in(folder):
@@ -589,6 +633,13 @@ def usage_of(operation):
     return [(forms.get(value.kind, "%s") % value.name).upper() for value in operation.values]
 
 
+def require_file(path):
+    """Ends with bad usage where a named file is none."""
+    trouble = file_trouble(path) if path else None
+    if trouble:
+        raise UsageError("%s %s" % (path, trouble.replace(MISSING, "does not exist")))
+
+
 def call(checker, bench, script, words, report):
     """--call: calls a function with real arguments."""
     name, texts = words[0], words[1:]
@@ -600,8 +651,7 @@ def call(checker, bench, script, words, report):
     elif name in OPERATIONS:
         operation = OPERATIONS[name]
         values = read_values(operation, texts)
-        if script and not os.path.exists(script):
-            raise UsageError("%s does not exist" % script)
+        require_file(script)
         seen = bench.call(name, *values, script=script)
         functions = [value for value, wanted in zip(values, operation.values) if wanted.kind == "function"]
         kind = operation.answer_of(functions[0] if functions else None)
@@ -659,7 +709,8 @@ def counted(count, what):
 
 def make_parser():
     parser = argparse.ArgumentParser(prog="pgm_python_check", description=DESCRIPTION, allow_abbrev=False,
-                                     epilog="Exit status: 0 nothing is wrong, 1 something will fail, 2 bad usage.")
+                                     epilog="Exit status: 0 nothing is wrong, 1 something will fail, or the check or "
+                                     "its output failed, 2 bad usage.")
     parser.add_argument("script", metavar="SCRIPT", nargs="?", help="a script to check instead of the installation")
     parser.add_argument("--as", dest="operation", metavar="OPERATION",
                         help="the operation that is to use SCRIPT; %s for a main program" % RUNNER)
@@ -669,7 +720,7 @@ def make_parser():
                         "from files, maps are KEY=VALUE,KEY=VALUE; takes the rest of the command line")
     parser.add_argument("--json", action="store_true", help="tell it for machines")
     parser.add_argument("--strict", action="store_true", help="a warning counts as something that will fail")
-    parser.add_argument("--timeout", metavar="SECONDS", type=float, default=60.0,
+    parser.add_argument("--timeout", metavar="SECONDS", type=read_seconds, default=60.0,
                         help="how long a script may take to load or answer (%(default)g)")
     parser.add_argument("--operations", action="store_true", help="list the operations with their arguments")
     parser.add_argument("--version", action="version", version="pgm_python_check %s, Python %d.%d.%d" %
@@ -694,8 +745,7 @@ def check(options, report):
             raise UsageError("--as OPERATION is missing: what is %s for?" % options.script)
         if options.operation != RUNNER and options.operation not in OPERATIONS:
             raise UsageError("there is no operation %s; --operations lists them" % options.operation)
-        if not os.path.isfile(options.script):
-            raise UsageError("%s does not exist" % options.script)
+        require_file(options.script)
         known = OPERATIONS.get(options.operation)
         if options.function and (known is None or known.function):
             raise UsageError("the function of %s is not named by the program" % options.operation)
@@ -720,20 +770,22 @@ def check(options, report):
     return checker
 
 
-def main(arguments=None):
+def split_call(arguments):
+    """The arguments before --call, and its own: the rest as it is, with a "--" in it. None where there is no --call."""
+    for place, argument in enumerate(arguments):
+        if argument == "--call":
+            return arguments[:place], arguments[place + 1:]
+        if argument.startswith("--call="):
+            return arguments[:place], [argument[len("--call="):]] + arguments[place + 1:]
+    return arguments, None
+
+
+def run(arguments, out):
+    """Does what the arguments say, and writes to a stream; returns the exit status."""
     parser = make_parser()
-    arguments = list(sys.argv[1:] if arguments is None else arguments)
-    words = None
-    if "--call" in arguments:
-        # The rest as it is, with a "--" in it.
-        place = arguments.index("--call")
-        arguments, words = arguments[:place], arguments[place + 1:]
+    arguments, words = split_call(arguments)
     options = parser.parse_args(arguments)
     options.call = words
-    out = sys.stdout
-    for stream in (sys.stdout, sys.stderr):
-        if hasattr(stream, "reconfigure"):
-            stream.reconfigure(errors="backslashreplace")
     if options.operations:
         print_operations(out)
         return 0
@@ -761,4 +813,36 @@ def main(arguments=None):
         out.write("the answer is right\n")
     else:
         out.write("%s, %s, %s\n" % tuple(counted(counts[each], each) for each in SEVERITIES))
+    return status
+
+
+def complain(text):
+    sys.stderr.write("pgm_python_check: %s\n" % text)
+    return 1
+
+
+def main(arguments=None):
+    if sys.stderr is None:
+        sys.stderr = open(os.devnull, "w")
+    if sys.stdout is None:
+        return complain("standard output is closed")
+    for stream in (sys.stdout, sys.stderr):
+        if hasattr(stream, "reconfigure"):
+            stream.reconfigure(errors="backslashreplace")
+    out = io.StringIO()
+    try:
+        status = run(list(sys.argv[1:] if arguments is None else arguments), out)
+    except SystemExit as end:  # --help, --version and bad usage
+        status = end.code
+    except OSError as error:
+        place = "%s: " % error.filename if error.filename else ""
+        return complain("the check cannot be done: %s%s" % (place, error.strerror or error))
+    try:
+        sys.stdout.write(out.getvalue())
+        sys.stdout.flush()
+    except OSError as error:
+        # The interpreter writes once more what is left, as it ends.
+        with open(os.devnull, "wb") as nothing:
+            os.dup2(nothing.fileno(), sys.stdout.fileno())
+        return complain("standard output: %s" % error.strerror)
     return status

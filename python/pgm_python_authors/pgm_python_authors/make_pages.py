@@ -80,7 +80,7 @@ _%(name)s() {
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
     fi
 }
-complete -F _%(name)s %(name)s
+complete -o filenames -o default -F _%(name)s %(name)s
 """ % {"name": NAME, "operations": operations(), "words": words(parser)}
 
 

@@ -30,6 +30,8 @@ class Argument(NamedTuple):
     #   map     dict of str to str, in the order of its keys
     kind: str
     meaning: str
+    # Of a text: the text of the internal error when it is not UTF-8.
+    refusal: str = ""
 
 
 # The Python type of each kind of argument.
@@ -126,6 +128,8 @@ class Operation(NamedTuple):
     posts: bool = True
     # Whether a missing script is an ordinary outcome.
     may_be_missing: bool = False
+    # Whether the arguments are made before the function is looked for.
+    arguments_first: bool = False
 
     def answer_of(self, function):
         """The kind of answer that a function is to give."""
@@ -149,7 +153,8 @@ _ALL = (
     Operation(
         "get_username", "the name of a user", "common", _COMMON_SCRIPT, "get_username",
         (Value("user", "text"),),
-        (Argument("user", "text", "the user's account; empty: the one that the program runs under"),),
+        (Argument("user", "text", "the user's account; empty: the one that the program runs under",
+                  "pArg != NULL"),),
         "text_or_bytes", "", "path"),
     Operation(
         "query_opn_enum", "the name that belongs to an OPN code", "common", _COMMON_SCRIPT, "query_opn_enum",
@@ -159,12 +164,12 @@ _ALL = (
     Operation(
         "query_opn_name", "the code that belongs to an OPN name", "common", _COMMON_SCRIPT, "query_opn_name",
         (Value("opn_name", "text"),),
-        (Argument("opn_name", "text", "the name"),),
+        (Argument("opn_name", "text", "the name", "pArg != NULL"),),
         "number", "", "path"),
     Operation(
         "read_mif", "image, width and depth in a memory-initialisation file", "common", _COMMON_SCRIPT, "read_mif",
         (Value("file", "text"), Value("continuous", "flag")),
-        (Argument("file", "text", "the path of the file"),
+        (Argument("file", "text", "the path of the file", "pArg != NULL"),
          Argument("continuous", "flag", "whether the words follow one another without padding")),
         "memory", "", "path"),
     Operation(
@@ -174,8 +179,8 @@ _ALL = (
         (Argument("first_number", "number", "the first number of the certificate"),
          Argument("second_number", "number", "the second number of the certificate"),
          Argument("content", "hex", "the content"),
-         Argument("zky", "text", "the path of a .zky key file, or empty"),
-         Argument("pem", "text", "the path of a .pem key file, or empty")),
+         Argument("zky", "text", "the path of a .zky key file, or empty", "pArg3 != NULL"),
+         Argument("pem", "text", "the path of a .pem key file, or empty", "pArg4 != NULL")),
         "bytes", "late", "path"),
     Operation(
         "sign_compact_ccert", "signs a compact certificate", "common", "norvane_sign.py",
@@ -198,8 +203,9 @@ _ALL = (
     Operation(
         "get_zek_root_key", "the root key in a key file", "common", _COMMON_SCRIPT, "get_zek_root_key",
         (Value("zek_file", "text", "filled", "No ZEK file is specified"), Value("text_argument", "text")),
-        (Argument("zek_file", "text", "the path of the key file"),
-         Argument("text_argument", "text", "what the program adds, such as a passphrase; may be empty"),
+        (Argument("zek_file", "text", "the path of the key file", "pArg0 != nullptr"),
+         Argument("text_argument", "text", "what the program adds, such as a passphrase; may be empty",
+                  "pArg1 != nullptr"),
          Argument("key", "key", "where the key goes")),
         "key", "early", "path"),
     Operation(
@@ -215,24 +221,24 @@ _ALL = (
          Value("python_function", "function", "filled", "Python function must be specified"),
          Value("text_1", "text"), Value("dict_1", "map"), Value("dict_2", "map"), Value("text_2", "text"),
          Value("dict_3", "map"), Value("dict_4", "map")),
-        (Argument("text_1", "text", "a text, such as the path of the design"),
+        (Argument("text_1", "text", "a text, such as the path of the design", "pArg != nullptr"),
          Argument("dict_1", "map", "settings"), Argument("dict_2", "map", "settings"),
-         Argument("text_2", "text", "a text, such as the name of a hash"),
+         Argument("text_2", "text", "a text, such as the name of a hash", "pArg != nullptr"),
          Argument("dict_3", "map", "settings"), Argument("dict_4", "map", "settings")),
         "chunks", "late", "", suite_folders=False,
         functions=(("get_bram_chunks", "chunks"), ("get_bram_hash_and_size", "hash_and_size"),
                    ("get_xcvr_chunks", "chunks"), ("get_xcvr_hash_and_size", "hash_and_size")),
-        call_failure="Fail to call nwfmt function"),
+        call_failure="Fail to call nwfmt function", arguments_first=True),
     Operation(
         "generate_rim", "makes a reference-integrity manifest", "common", "rim_generator.pyc",
         "external_make_rim_function",
         (Value("rbf_file", "text", "filled", "!rbf_file.empty()"),
          Value("family", "text", "filled", "!family.empty()"), Value("rim_number", "number"),
          Value("output_file", "text", "filled", "!output_file.empty()")),
-        (Argument("rbf_file", "text", "the path of the raw binary configuration file"),
-         Argument("family", "text", "the device family"),
+        (Argument("rbf_file", "text", "the path of the raw binary configuration file", "pArg0 != nullptr"),
+         Argument("family", "text", "the device family", "pArg1 != nullptr"),
          Argument("rim_number", "number", "the number of the manifest"),
-         Argument("output_file", "text", "the path of the file that is to be written")),
+         Argument("output_file", "text", "the path of the file that is to be written", "pArg3 != nullptr")),
         "ignored", "early", "path"),
     Operation(
         "execute_mysql", "asks a database", "database", "mysql.pyc", "mysql",
@@ -243,8 +249,8 @@ _ALL = (
         "sync_p4file", "fetches a depot file into a folder", "common", _COMMON_SCRIPT, "sync_p4file",
         (Value("folder", "text", "filled", "folder must be specified"),
          Value("p4source", "text", "filled", "p4source must be specified")),
-        (Argument("folder", "text", "the folder that the file goes into"),
-         Argument("p4source", "text", "the file's place in the depot")),
+        (Argument("folder", "text", "the folder that the file goes into", "pArg0 != NULL"),
+         Argument("p4source", "text", "the file's place in the depot", "pArg1 != NULL")),
         "text", "late", "path"),
 )
 

@@ -13,14 +13,14 @@ import shutil
 
 import pytest
 
-from pgm_python_authors.bench import Bench, Installation
+from pgm_python_authors.bench import Bench, Installation, read_seconds
 
 
 def pytest_addoption(parser):
     group = parser.getgroup("pgm_python")
     group.addoption("--pgm-python", metavar="FILE", default=None,
                     help="the Python that scripts run with: the one that the library is linked with")
-    group.addoption("--pgm-python-timeout", metavar="SECONDS", type=float, default=60.0,
+    group.addoption("--pgm-python-timeout", metavar="SECONDS", type=read_seconds, default=60.0,
                     help="how long a call may take")
 
 

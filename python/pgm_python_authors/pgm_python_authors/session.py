@@ -21,6 +21,8 @@ import types
 
 _short = reprlib.Repr()
 _short.maxstring = _short.maxother = 80
+# The name of a type, whatever a class of classes has under __name__.
+_name_of = type.__dict__["__name__"].__get__
 
 
 def decode(value):
@@ -33,6 +35,11 @@ def decode(value):
     return value["value"]
 
 
+def number_text(number):
+    """A number as it is told: in digits where it has not too many, which Python would refuse to write."""
+    return "%d" % number if number.bit_length() <= 128 else "of %d bits" % number.bit_length()
+
+
 def number_of(value):
     """The number of what is as good as an int where one is due; None where it is not."""
     try:
@@ -42,25 +49,25 @@ def number_of(value):
         if sys.version_info < (3, 10) and hasattr(type(value), "__int__"):
             number = type(value).__int__(value)
             return number if isinstance(number, int) else None
-    except Exception:
+    except BaseException:  # a program drops whatever comes of it
         pass
     return None
 
 
-def encode(value):
-    """What is told of a value: its type and, for types that a program can take, the value itself."""
-    told = {"type": type(value).__name__, "kind": "other", "exact": True}
+def encode_known(value, depth):
+    """What is told of a value, as the program's own look at it, which runs none of the methods of a derived class."""
+    told = {"type": _name_of(type(value)), "kind": "other", "exact": True}
     for kind, known in (("bool", bool), ("int", int), ("str", str), ("bytes", bytes), ("bytearray", bytearray),
                         ("list", list), ("tuple", tuple)):
-        if isinstance(value, known):
+        if issubclass(type(value), known):
             told["kind"] = kind
             told["exact"] = type(value) is known
             if kind in ("bytes", "bytearray"):
-                told["value"] = bytes(value).hex()
+                told["value"] = bytes(known.__getitem__(value, slice(None))).hex()
             elif kind in ("list", "tuple"):
-                told["items"] = [encode(item) for item in value]
+                told["items"] = [encode(item, depth - 1) for item in known.__iter__(value)] if depth else []
             elif kind in ("bool", "int"):
-                told["value"] = str(int(value))
+                told["value"] = number_text(int.__int__(value))
             else:
                 told["value"] = str.__str__(value)
             break
@@ -69,12 +76,33 @@ def encode(value):
     elif told["kind"] == "other":
         number = number_of(value)
         if number is not None:
-            told["index"] = str(number)
+            told["index"] = number_text(number)
+    return told
+
+
+def encode(value, depth=1):
+    """What is told of a value: its type and, for types that a program can take, the value itself. A program looks into
+    a list and no deeper. Of what cannot be told, the type is."""
+    try:
+        told = encode_known(value, depth)
+    except BaseException:
+        told = {"type": _name_of(type(value)), "kind": "other", "exact": False}
     try:
         told["repr"] = _short.repr(value)
-    except Exception:
-        told["repr"] = "<%s>" % type(value).__name__
+    except BaseException:
+        told["repr"] = "<%s>" % told["type"]
     return told
+
+
+def first_line(error, told):
+    """The cause in a line. What an exception says may have several, and notes may follow."""
+    if isinstance(error, SyntaxError):
+        lines = ["%s: " % type(error).__name__] + str(error.msg).splitlines()
+    else:
+        lines = "".join(told.format_exception_only()).splitlines()
+    lines = [line.strip() for line in lines if line.strip()]
+    # A message may begin with an empty line.
+    return " ".join(lines[:2]) if lines[0].endswith(":") else lines[0]
 
 
 def describe_error(error, request):
@@ -88,14 +116,14 @@ def describe_error(error, request):
     else:
         # The author's line, not one of the standard library that it called.
         library = os.path.dirname(os.path.abspath(os.__file__))
-        own = [place for place in own if not os.path.abspath(place[0]).startswith(library + os.sep)] or own
+        own = [place for place in own if not os.path.abspath(place[0]).startswith(library + os.sep)]
     told = traceback.TracebackException.from_exception(error)
     stack = [entry for entry in told.stack if entry.filename != __file__ and "<frozen" not in entry.filename]
     lines = ["Traceback (most recent call last):\n"] + traceback.format_list(stack) if stack else []
     lines += list(told.format_exception_only())
     return {
         "type": type(error).__name__,
-        "text": "".join(told.format_exception_only()).strip().splitlines()[-1],
+        "text": first_line(error, told),
         "message": str(error),
         "module": getattr(error, "name", None) if isinstance(error, ImportError) else None,
         "file": own[-1][0] if own else None,
@@ -149,16 +177,34 @@ def set_up(request):
     os.environ.update(request["environment"])
 
 
+def check_text(text):
+    """Raises what a program gets for a text that is not UTF-8."""
+    text.encode("utf-8", "surrogateescape").decode("utf-8")
+
+
+def can_be_made(arguments, reply):
+    """Whether each text among the arguments can become a str; the program ends with the first that cannot."""
+    for index, value in enumerate(arguments):
+        if value["kind"] == "text":
+            try:
+                check_text(value["value"])
+            except UnicodeError:
+                reply["stage"], reply["refused"] = "argument", index
+                return False
+    return True
+
+
 def call(request, reply):
     import_module = importlib.import_module
+    reply["stage"] = "name"
+    check_text(request["module"])
     reply["stage"] = "import"
     module = import_module(request["module"])
     reply["module_file"] = getattr(module, "__file__", None)
     reply["modules"] = sorted({name.split(".")[0] for name in sys.modules})
-    if request["functions"]:
-        reply["functions"] = {
-            name: function_facts(getattr(module, name), count)
-            for name, count in request["functions"].items() if hasattr(module, name)}
+    reply["functions"] = {
+        name: function_facts(getattr(module, name), count)
+        for name, count in request["functions"].items() if hasattr(module, name)}
     reply["path"] = list(sys.path)
     reply["names"] = sorted(vars(module))
     reply["defined"] = {
@@ -166,10 +212,18 @@ def call(request, reply):
         if inspect.isfunction(value) and value.__module__ == module.__name__ and not name.startswith("_")}
     if request["function"] is None:
         return
+    if request["arguments_first"] and not can_be_made(request["arguments"], reply):
+        return
     reply["stage"] = "function"
     function = getattr(module, request["function"])
+    if not can_be_made(request["arguments"], reply):
+        return
     arguments = tuple(decode(value) for value in request["arguments"])
     reply["stage"] = "call"
+    for value in request["arguments"]:
+        for entry in value["value"] if value["kind"] == "map" else []:
+            for text in entry:
+                check_text(text)
     answer = function(*arguments)
     reply["stage"] = "answer"
     reply["answer"] = encode(answer)

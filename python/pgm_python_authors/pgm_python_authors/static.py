@@ -11,7 +11,7 @@ import sys
 import sysconfig
 import types
 
-from pgm_python_authors.bench import module_name
+from pgm_python_authors.bench import is_utf8, module_name
 
 # The first numbers of compiled files and the version from which each holds.
 _MAGIC = ((3379, "3.6"), (3390, "3.7"), (3400, "3.8"), (3420, "3.9"), (3430, "3.10"), (3450, "3.11"), (3500, "3.12"),
@@ -499,7 +499,10 @@ def name_problems(path, preloaded, as_module):
         if not name.endswith((".py", ".pyc")):
             found.append(("file-name", "fault", "the name ends in %s, which Python does not import" %
                           name[len(module):], "write it in small letters"))
-        if not module or "." in module:
+        if not is_utf8(module):
+            found.append(("file-name", "fault", "the name holds bytes that are no UTF-8, and Python makes a text of it",
+                          "use letters, digits and _"))
+        elif not module or "." in module:
             found.append(("file-name", "fault", "%r is no name of a module: Python takes what is before the dot for a "
                           "package" % module, "name it without dots, such as %s.py" % (module.replace(".", "_") or "script")))
         elif not module.isidentifier():

@@ -16,6 +16,7 @@ HOST_VARIABLE = "PGM_PYTHON_BIN_DIR"
 PORT = 57343
 DELIMITER = " !@#$^&*() "
 MOST_BYTES = 2048
+CUT = b"..."
 ATTEMPTS = 3
 
 
@@ -27,17 +28,25 @@ class Refusal(Exception):
         self.reasons = reasons
 
     def __str__(self):
-        return "; ".join(str(reason) for reason in self.reasons)
+        return "; ".join(text_of(reason) for reason in self.reasons)
+
+
+def text_of(value):
+    """The text of a value; the name of its type where the value does not give one."""
+    try:
+        return str(value)
+    except Exception:
+        return type(value).__name__
 
 
 def split_into_lines(reasons):
     """The lines of the reasons: each is shown as a message of its own."""
-    return [line for reason in reasons for line in str(reason).splitlines() if line]
+    return [line for reason in reasons for line in text_of(reason).splitlines() if line]
 
 
 def pack_reasons(reasons):
     """The bytes to send: whole lines as far as they go, then one that says how many more there were. A first line that
-    is too long is cut at a whole character."""
+    is too long is cut at a whole character and ends in three dots."""
     delimiter = DELIMITER.encode("ascii")
     lines = [line.encode("utf-8", "backslashreplace") for line in split_into_lines(reasons)]
     # More than these cannot fit.
@@ -48,8 +57,8 @@ def pack_reasons(reasons):
         if len(packed) <= MOST_BYTES:
             return packed
         if shown == 1:
-            room = MOST_BYTES - len(packed) + len(lines[0])
-            return delimiter.join([lines[0][:room].decode("utf-8", "ignore").encode("utf-8")] + last)
+            room = MOST_BYTES - len(packed) + len(lines[0]) - len(CUT)
+            return delimiter.join([lines[0][:room].decode("utf-8", "ignore").encode("utf-8") + CUT] + last)
     return b""
 
 
@@ -109,17 +118,21 @@ def send_to(address, packed, waits):
 
 
 def describe(error):
-    """The reasons of an exception."""
-    if isinstance(error, Refusal):
-        return error.reasons
-    if isinstance(error, OSError) and error.strerror:
-        place = "%s: " % error.filename if error.filename is not None else ""
-        return (place + error.strerror,)
-    return ("%s: %s" % (type(error).__name__, error),)
+    """The reasons of an exception; the name of its type where it does not give any."""
+    try:
+        if isinstance(error, Refusal):
+            return tuple(error.reasons)
+        if isinstance(error, OSError) and error.strerror:
+            place = "%s: " % error.filename if error.filename is not None else ""
+            return (place + str(error.strerror),)
+        return ("%s: %s" % (type(error).__name__, error),)
+    except Exception:
+        return (type(error).__name__,)
 
 
 def tells_reasons(function):
-    """Marks a function whose exceptions are told to the host before they leave it."""
+    """Marks a function whose exceptions are told to the host before they leave it. Of sys.exit only a text is told: a
+    number says nothing."""
 
     @functools.wraps(function)
     def telling(*arguments, **keywords):
@@ -127,6 +140,10 @@ def tells_reasons(function):
             return function(*arguments, **keywords)
         except Exception as error:
             send_reasons(*describe(error))
+            raise
+        except SystemExit as error:
+            if isinstance(error.code, str):
+                send_reasons(error.code)
             raise
 
     return telling
@@ -145,6 +162,6 @@ def run_main(main):
         reasons = describe(error)
         if not send_reasons(*reasons):
             for reason in reasons:
-                print("error: %s" % reason, file=sys.stderr)
+                print("error: %s" % text_of(reason), file=sys.stderr)
         status = 1
     sys.exit(status)
