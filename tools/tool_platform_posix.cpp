@@ -107,7 +107,8 @@ int descriptor_of(std::string file) {
             return std::atoi(file.c_str() + folder_of(file).size());
         }
         const std::string name(target.data(), static_cast<std::size_t>(length));
-        file = name[0] == '/' ? name : folder_of(file) + name;
+        file = name[0] == '/' ? "" : folder_of(file);
+        file += name;
     }
     return -1;
 }
