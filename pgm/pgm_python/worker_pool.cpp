@@ -109,12 +109,9 @@ void prepare_worker(const std::string& program, const std::string& surroundings)
     if (!preparation.is_due()) {
         return;
     }
-    // Other threads may change them at any time; what is started meanwhile may have either.
-    if (surroundings_of_process() != surroundings) {
-        return;
-    }
     std::string reason;
     std::unique_ptr<WORKER_PROCESS> process = WORKER_PROCESS::start(program, reason);
+    // Other threads may have changed them since the call began; it may have either.
     if (process && surroundings_of_process() == surroundings) {
         exchange_waiting(std::make_unique<WAITING_WORKER>(
             WAITING_WORKER{std::move(process), program, surroundings}));
