@@ -19,9 +19,6 @@ bool is_one_of(const std::string& function, const std::array<const char*, 2>& fu
     return std::find(functions.begin(), functions.end(), function) != functions.end();
 }
 
-// What the operation stores for a size that is no 32-bit number.
-constexpr unsigned long no_size = 0xFFFFFFFFUL;
-
 void add_get_nwfmt_data(CLI::App& app, CALL& call) {
     CLI::App& command = *app.add_subcommand(
         "get_nwfmt_data", "Extract block-RAM or transceiver data in network format");
@@ -46,7 +43,7 @@ void add_get_nwfmt_data(CLI::App& app, CALL& call) {
         require_script_extension("SCRIPT", *script);
         // The folder of these scripts is not below the common one: its name is the longer one.
         require_common_script("nwfmt/" + *script);
-        unsigned long size = no_size;
+        unsigned long size = no_number;
         const std::vector<unsigned char> data = PGM_PYTHON_MGR().get_nwfmt_data(
             *script, *function, *text_1, *dict_1, *dict_2, *text_2, *dict_3, *dict_4, size);
         if (tool_has_reported()) {
@@ -54,7 +51,7 @@ void add_get_nwfmt_data(CLI::App& app, CALL& call) {
         }
         if (data.empty()) {
             call.fail("the script gave no bytes");
-        } else if (gives_size && size == no_size) {
+        } else if (gives_size && size == no_number) {
             call.fail("the script gave no size");
         } else {
             if (gives_size) {

@@ -9,9 +9,6 @@ namespace {
 
 constexpr char common_functions[] = "/python/pgm_python_common_function.pyc";
 
-// What the operations store for an answer that is no 32-bit number.
-constexpr unsigned long no_number = 0xFFFFFFFFUL;
-
 void add_get_username(CLI::App& app, CALL& call) {
     CLI::App& command = *app.add_subcommand("get_username", "Print the name of a user");
     const auto user = add_text(command, "USER", "The user to look up");

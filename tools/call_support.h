@@ -16,6 +16,9 @@
 #include "tools/tool_messages.h"
 #include "tools/tool_platform.h"
 
+// What operations store for an answer that is no 32-bit number.
+constexpr unsigned long no_number = 0xFFFFFFFFUL;
+
 // The current folder and the mask of new files' permissions, which scripts change for the whole
 // process where their session is in it: the tool's own files are not to follow them.
 struct PROCESS_SURROUNDINGS {

@@ -65,9 +65,24 @@ std::string folder_of(const std::string& file) {
     return slash == std::string::npos ? std::string() : file.substr(0, slash + 1);
 }
 
+// As many links as the system itself follows.
+constexpr int most_links = 40;
+
+// Makes the name of a link that of its target. False where it is no link, or on failure.
+bool follow_link(std::string& file) {
+    std::array<char, PATH_MAX> target = {};
+    const ssize_t length = ::readlink(file.c_str(), target.data(), target.size());
+    if (length < 0) {
+        return false;
+    }
+    const std::string name(target.data(), static_cast<std::size_t>(length));
+    file = name[0] == '/' ? "" : folder_of(file);
+    file += name;
+    return true;
+}
+
 // Follows links until `file` is the name of something else or of nothing. False on failure.
 bool follow_links(std::string& file) {
-    constexpr int most_links = 40;
     for (int links = 0; links < most_links; ++links) {
         struct stat what = {};
         if (::lstat(file.c_str(), &what) != 0) {
@@ -76,14 +91,9 @@ bool follow_links(std::string& file) {
         if (!S_ISLNK(what.st_mode)) {
             return true;
         }
-        std::array<char, PATH_MAX> target = {};
-        const ssize_t length = ::readlink(file.c_str(), target.data(), target.size());
-        if (length < 0) {
+        if (!follow_link(file)) {
             return false;
         }
-        const std::string name(target.data(), static_cast<std::size_t>(length));
-        file = name[0] == '/' ? "" : folder_of(file);
-        file += name;
     }
     errno = ELOOP;
     return false;
@@ -92,23 +102,18 @@ bool follow_links(std::string& file) {
 // The descriptor of this process that a name stands for ("/dev/stdout", "/dev/fd/5"); negative when
 // it stands for none.
 int descriptor_of(std::string file) {
-    const std::string process = "/proc/" + std::to_string(::getpid());
-    constexpr int most_links = 40;
+    const std::string descriptors = "/proc/" + std::to_string(::getpid()) + "/fd";
     for (int links = 0; links < most_links; ++links) {
-        std::array<char, PATH_MAX> target = {};
-        const ssize_t length = ::readlink(file.c_str(), target.data(), target.size());
-        if (length < 0) {
+        const std::string link = file;
+        if (!follow_link(file)) {
             return -1;
         }
-        std::array<char, PATH_MAX> folder = {};
-        const bool is_found = ::realpath(folder_of(file).empty() ? "." : folder_of(file).c_str(),
-                                         folder.data()) != nullptr;
-        if (is_found && folder.data() == process + "/fd") {
-            return std::atoi(file.c_str() + folder_of(file).size());
+        const std::string folder = folder_of(link);
+        std::array<char, PATH_MAX> resolved = {};
+        if (::realpath(folder.empty() ? "." : folder.c_str(), resolved.data()) != nullptr &&
+            resolved.data() == descriptors) {
+            return std::atoi(link.c_str() + folder.size());
         }
-        const std::string name(target.data(), static_cast<std::size_t>(length));
-        file = name[0] == '/' ? "" : folder_of(file);
-        file += name;
     }
     return -1;
 }
